@@ -1,0 +1,55 @@
+# Warnings and sanitizers, set once and applied to every target of ours.
+
+function(velorane_set_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()
+
+# Sanitizers apply to the whole tree so that every object of ours is
+# instrumented the same way.
+macro(velorane_apply_sanitizers)
+    if(VELORANE_SANITIZE)
+        string(REPLACE "," ";" _velorane_sanitizers "${VELORANE_SANITIZE}")
+        foreach(_s IN LISTS _velorane_sanitizers)
+            if(NOT _s MATCHES "^(address|undefined|thread|leak)$")
+                message(FATAL_ERROR "VELORANE_SANITIZE: unknown sanitizer '${_s}'")
+            endif()
+        endforeach()
+        add_compile_options(-fsanitize=${VELORANE_SANITIZE} -fno-omit-frame-pointer
+                            -fno-sanitize-recover=all)
+        add_link_options(-fsanitize=${VELORANE_SANITIZE})
+        message(STATUS "Velorane: sanitizers ${VELORANE_SANITIZE}")
+    endif()
+endmacro()
+
+# One static library per subsystem folder. The repository root is the
+# include root: code includes "Common/Platform/Src/Scheduler.h".
+function(velorane_add_library target)
+    cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+    add_library(${target} STATIC ${ARG_SOURCES})
+    target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR}/generated)
+    target_link_libraries(${target} PUBLIC ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
+    velorane_set_warnings(${target})
+endfunction()
+
+function(velorane_add_executable target)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(${target} ${ARG_SOURCES})
+    target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR}/generated)
+    target_link_libraries(${target} PRIVATE ${ARG_LIBS})
+    velorane_set_warnings(${target})
+endfunction()
+
+# A GoogleTest executable; each test case becomes its own CTest test. LABELS
+# lets the test script pick suites (for example "nonqt" for the TSan run).
+function(velorane_add_test target)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+    velorane_add_executable(${target} SOURCES ${ARG_SOURCES}
+        LIBS ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main Threads::Threads)
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    gtest_discover_tests(${target}
+        DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" ENVIRONMENT "${ARG_ENVIRONMENT}")
+endfunction()

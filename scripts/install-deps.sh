@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs every Debian package the relay needs to build, test and benchmark.
+# Idempotent: asks apt only for what is missing, and refreshes the package
+# lists only when something is.
+set -euo pipefail
+
+PACKAGES=(
+    build-essential g++ cmake ninja-build pkg-config
+    qtbase5-dev qtbase5-dev-tools libqt5opengl5-dev
+    libavcodec-dev libavutil-dev libavformat-dev libswscale-dev
+    libusb-1.0-0-dev libopus-dev
+    libcli11-dev libmsgsl-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
+    xvfb xauth x11-utils libgl1-mesa-dri
+    openssl ca-certificates
+)
+
+missing=()
+for pkg in "${PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$pkg")
+    fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "install-deps: all ${#PACKAGES[@]} packages present"
+    exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+    if command -v sudo >/dev/null 2>&1; then
+        SUDO="sudo"
+    else
+        echo "install-deps: missing packages: ${missing[*]}" >&2
+        echo "install-deps: run as root (or with sudo) to install them" >&2
+        exit 1
+    fi
+fi
+
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs the whole suite three times:
+#   build/       the normal tree, every test;
+#   build-asan/  AddressSanitizer + UndefinedBehaviorSanitizer, every test;
+#   build-tsan/  ThreadSanitizer, the tests of code that doesn't use Qt.
+# GUI tests get a private Xvfb when no DISPLAY is set. Exits non-zero on any
+# failure; the last lines are CTest's own summary.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$ROOT"
+
+JOBS="${VELORANE_JOBS:-$(nproc)}"
+CTEST_JOBS="${VELORANE_CTEST_JOBS:-$JOBS}"
+
+"$ROOT/scripts/install-deps.sh"
+
+# shellcheck source=scripts/lib/xvfb.sh
+source "$ROOT/scripts/lib/xvfb.sh"
+velorane_start_xvfb
+
+configure_and_build() {
+    local dir="$1"
+    shift
+    echo "== configure $dir"
+    cmake -S "$ROOT" -B "$ROOT/$dir" -G Ninja "$@" >/dev/null
+    echo "== build $dir"
+    cmake --build "$ROOT/$dir" -j "$JOBS"
+}
+
+run_suite() {
+    local dir="$1"
+    shift
+    echo "== test $dir"
+    ctest --test-dir "$ROOT/$dir" --output-on-failure -j "$CTEST_JOBS" "$@"
+}
+
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite build
+
+configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug -DVELORANE_SANITIZE=address,undefined \
+    -DVELORANE_BUILD_BENCHMARKS=OFF
+run_suite build-asan
+
+configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVELORANE_SANITIZE=thread \
+    -DVELORANE_QT=OFF -DVELORANE_BUILD_BENCHMARKS=OFF -DVELORANE_BUILD_TOOLS=OFF
+run_suite build-tsan -L nonqt
