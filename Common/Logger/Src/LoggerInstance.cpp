@@ -4,6 +4,8 @@
 #include "Common/Logger/Src/LoggerCore.h"
 #include "Common/Platform/Src/Mutex.h"
 
+#include <atomic>
+
 namespace quorvan {
 
 namespace {
@@ -26,16 +28,45 @@ LoggerGlobals& Globals()
 // Made during static initialisation, on one thread, before main runs.
 const bool kGlobalsReady = (Globals(), true);
 
+// Every log statement asks for the instance, so each thread keeps its own
+// counted reference and takes the global lock only when the instance has
+// changed since (ReleaseLoggerInstance bumps the generation). A thread that
+// still holds an old instance keeps it alive through its reference.
+std::atomic<uint64_t> g_generation{0};
+
+struct ThreadCache
+{
+    CRefCountPtr<ILogger> logger;
+    uint64_t generation = 0;
+};
+
+ThreadCache& Cache()
+{
+    thread_local ThreadCache cache;
+    return cache;
+}
+
 } // namespace
 
 RESULT GetLoggerInstance(ILogger** logger)
 {
+    ThreadCache& cache = Cache();
+    if (cache.logger && cache.generation == g_generation.load(std::memory_order_acquire)) {
+        cache.logger->AddRef();
+        *logger = cache.logger.Get();
+        return Success;
+    }
+
     LoggerGlobals& globals = Globals();
     CAutoMutex lock(globals.lock);
     if (!globals.instance) {
         globals.instance = new Logger();
     }
+    // One reference for the caller, one for this thread's cache.
     globals.instance->AddRef();
+    globals.instance->AddRef();
+    cache.logger = CRefCountPtr<ILogger>(globals.instance);
+    cache.generation = g_generation.load(std::memory_order_relaxed);
     *logger = globals.instance;
     return Success;
 }
@@ -45,6 +76,8 @@ RESULT ReleaseLoggerInstance()
     LoggerGlobals& globals = Globals();
     CAutoMutex lock(globals.lock);
     if (globals.instance) {
+        g_generation.fetch_add(1, std::memory_order_release);
+        Cache().logger.Reset();
         globals.instance->Release();
         globals.instance = nullptr;
     }
