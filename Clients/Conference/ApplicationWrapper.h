@@ -1,0 +1,67 @@
+#pragma once
+
+// The one object that owns and wires the relay: it builds every part,
+// connects them, starts the threads, and holds the only quit sequence. It
+// holds no protocol or media logic of its own.
+//
+// Threads: the main thread only. The active transport lives on
+// m_transportThread, the IpcClient on its own thread; they reach this
+// object through queued signals.
+//
+// Parts not here yet, each with a seam where it joins: the conference
+// tunnel manager, the USB transport (without -t there is no active
+// transport until it lands), and the audio manager.
+
+#include "Clients/Conference/IpcClient.h"
+#include "Clients/Conference/RelayConfig.h"
+#include "Clients/ConferenceTransport/Src/RelayProtocol.h"
+#include "Clients/ConferenceTransport/Src/TcpCommunication.h"
+#include "Common/Platform/Src/Result.h"
+
+#include <QByteArray>
+#include <QObject>
+
+#include <memory>
+
+class QThread;
+
+namespace quorvan::velorane::relay {
+
+class RelayWindow;
+
+class ApplicationWrapper : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ApplicationWrapper(const RelayConfig& config);
+    ~ApplicationWrapper() override;
+
+Q_SIGNALS:
+    void SignalSendRelayCommand(RelayCommandData commandData);
+    void SignalSendIpcCommand(int command, QByteArray data);
+    void SignalSendIpcError(RelayError error);
+    void SignalQuitApplication();
+
+private Q_SLOTS:
+    RESULT EnableRelayWindow();
+    RESULT DisableRelayWindow();
+    void InternalQuit();
+    void ExternalQuit();
+
+private:
+    void QuitApplication(bool external);
+    // TCP with -t; the USB transport otherwise, once it lands.
+    IConferenceTransport* ActiveTransport();
+    void ConnectEverything();
+
+    RelayConfig m_config;
+    std::unique_ptr<RelayWindow> m_relayWindow;
+    TcpCommunication m_tcpCommunication;
+    IpcClient m_ipcClient;
+    QThread* m_transportThread;
+    // A quit runs once; a late signal from a part being stopped is ignored.
+    bool m_quitting = false;
+};
+
+} // namespace quorvan::velorane::relay

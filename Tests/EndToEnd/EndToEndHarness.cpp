@@ -1,0 +1,141 @@
+#include "Tests/EndToEnd/EndToEndHarness.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace velorane::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+constexpr auto kStartTimeout = std::chrono::seconds(15);
+}
+
+EndToEndScene::EndToEndScene()
+{
+    fs::create_directories(m_dir.File("home"));
+    fs::create_directories(m_dir.File("tmp"));
+    const std::string command =
+        SourcePath("scripts/make-test-cert.sh") + " " + m_dir.File("cert") + " >/dev/null 2>&1";
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error("make-test-cert.sh failed");
+    }
+}
+
+std::map<std::string, std::string> EndToEndScene::Environment() const
+{
+    return {
+        {"TMPDIR", m_dir.File("tmp")},
+        {"HOME", m_dir.File("home")},
+        {"XDG_DATA_HOME", m_dir.File("data")},
+        // The window needs no screen for these runs.
+        {"QT_QPA_PLATFORM", "offscreen"},
+    };
+}
+
+int EndToEndScene::FreeBasePort()
+{
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        const int port = FreeTcpPort();
+        if (port >= 3) {
+            return port - 3;
+        }
+    }
+    return -1;
+}
+
+bool EndToEndScene::StartKyr(int basePort, const std::vector<std::string>& extra)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("kyr-sim"),   "--base-port", std::to_string(basePort),
+                    "--cert",                m_dir.File("cert/kyr-sim.crt"),
+                    "--key",                 m_dir.File("cert/kyr-sim.key"),
+                    "--record",              m_dir.File("kyr.rec"),
+                    "--time-limit",          "60"};
+    options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+    options.environment = Environment();
+    options.outputFile = m_dir.File("kyr.out");
+    return m_kyr.Start(options) && m_kyr.WaitForOutput("kyr-sim: listening on", kStartTimeout);
+}
+
+bool EndToEndScene::StartClient(const std::vector<std::string>& sends,
+                                const std::vector<std::string>& relayArguments,
+                                const std::vector<std::string>& extra)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("client-sim"), "--record", m_dir.File("client.rec"),
+                    "--time-limit", "60"};
+    for (const auto& send : sends) {
+        options.argv.push_back("--send");
+        options.argv.push_back(send);
+    }
+    options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+    if (!relayArguments.empty()) {
+        options.argv.push_back("--");
+        options.argv.push_back(BinaryPath("velorane-relay"));
+        options.argv.insert(options.argv.end(), relayArguments.begin(), relayArguments.end());
+    }
+    options.environment = Environment();
+    options.outputFile = m_dir.File("client.out");
+    return m_client.Start(options) &&
+           (extra.size() == 1 && extra[0] == "--no-listen"
+                ? true
+                : m_client.WaitForOutput("client-sim: listening on", kStartTimeout));
+}
+
+bool EndToEndScene::StartRelay(const std::vector<std::string>& arguments)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("velorane-relay")};
+    options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+    options.environment = Environment();
+    options.outputFile = m_dir.File("relay.out");
+    return m_relay.Start(options);
+}
+
+std::vector<std::string> EndToEndScene::KyrRecords() const { return ReadLines(m_dir.File("kyr.rec")); }
+
+std::vector<std::string> EndToEndScene::ClientRecords() const
+{
+    return ReadLines(m_dir.File("client.rec"));
+}
+
+std::string EndToEndScene::LogFolder() const { return m_dir.File("data/Velorane/Client/Logs"); }
+
+bool EndToEndScene::LogFolderExists() const { return fs::exists(m_dir.File("data/Velorane")); }
+
+std::string EndToEndScene::LogText() const
+{
+    std::string text;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(LogFolder(), error)) {
+        text += ReadFile(entry.path().string());
+    }
+    return text;
+}
+
+std::vector<std::string> ReadLines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(ReadFile(path));
+    std::string line;
+    while (std::getline(stream, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string Hex(const std::string& bytes)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : bytes) {
+        out += kDigits[c >> 4];
+        out += kDigits[c & 15];
+    }
+    return out;
+}
+
+} // namespace velorane::test

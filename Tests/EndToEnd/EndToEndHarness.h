@@ -1,0 +1,61 @@
+#pragma once
+
+// One end-to-end scene: a private temporary folder (TMPDIR, HOME and the
+// data folder all inside it), a throw-away TLS certificate, and helpers to
+// start kyr-sim, client-sim and the relay as real processes.
+
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TempDir.h"
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace velorane::test {
+
+class EndToEndScene
+{
+public:
+    EndToEndScene();
+
+    // The environment every process of the scene gets.
+    std::map<std::string, std::string> Environment() const;
+
+    // Starts kyr-sim on base port + 3 and waits until it listens. Returns
+    // false when it didn't come up.
+    bool StartKyr(int basePort, const std::vector<std::string>& extra = {});
+    // Starts client-sim with its script; relay arguments follow "--" when
+    // given. Waits until it listens.
+    bool StartClient(const std::vector<std::string>& sends,
+                     const std::vector<std::string>& relayArguments,
+                     const std::vector<std::string>& extra = {});
+    // Starts the relay alone.
+    bool StartRelay(const std::vector<std::string>& arguments);
+
+    std::vector<std::string> KyrRecords() const;
+    std::vector<std::string> ClientRecords() const;
+    // All log files of the run, concatenated.
+    std::string LogText() const;
+    bool LogFolderExists() const;
+    std::string LogFolder() const;
+
+    TempDir& Dir() { return m_dir; }
+    ChildProcess& Kyr() { return m_kyr; }
+    ChildProcess& Client() { return m_client; }
+    ChildProcess& Relay() { return m_relay; }
+
+    // A base port whose + 3 was free a moment ago.
+    static int FreeBasePort();
+
+private:
+    TempDir m_dir;
+    ChildProcess m_kyr;
+    ChildProcess m_client;
+    ChildProcess m_relay;
+};
+
+std::vector<std::string> ReadLines(const std::string& path);
+std::string Hex(const std::string& bytes);
+
+} // namespace velorane::test

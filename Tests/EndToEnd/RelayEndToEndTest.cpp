@@ -1,0 +1,388 @@
+// The relay executable from the command line to the Kyr and back, against
+// kyr-sim and client-sim.
+
+#include "Tests/EndToEnd/EndToEndHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+
+using namespace velorane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kInformation = "* Information *";
+const std::string kWarning = "* Warning     *";
+const std::string kSevere = "* Severe      *";
+
+// The quit message: size 8, command 0xFE47, big-endian.
+const std::string kQuitMessage = "message 000000080000fe47";
+// RequestFrame: video service, command 0xD0F9, no payload (count 0), all
+// little-endian.
+const std::string kRequestFrame = "request 9945febbf9d0000000000000";
+// StartVideo at 1280x720: service, command 0xCD01, count 8, width, height.
+const std::string kStartVideo = "request 9945febb01cd00000800000000050000d0020000";
+// StopVideo: service, command 0xEF34, count 0.
+const std::string kStopVideo = "request 9945febb34ef000000000000";
+
+struct LogLine
+{
+    std::string group;
+    std::string function;
+    std::string message;
+};
+
+std::vector<LogLine> ParseLog(const std::string& text)
+{
+    std::vector<LogLine> lines;
+    std::istringstream stream(text);
+    std::string line;
+    while (std::getline(stream, line)) {
+        std::vector<std::string> columns;
+        size_t start = 0;
+        for (;;) {
+            const size_t tab = line.find('\t', start);
+            columns.push_back(line.substr(start, tab - start));
+            if (tab == std::string::npos) {
+                break;
+            }
+            start = tab + 1;
+        }
+        if (columns.size() == 7) {
+            lines.push_back({columns[2], columns[3], columns[4]});
+        } else if (columns.size() == 4) {
+            lines.push_back({columns[2], "", columns[3]});
+        }
+    }
+    return lines;
+}
+
+bool HasLine(const std::string& log, const std::string& group, const std::string& message)
+{
+    const auto lines = ParseLog(log);
+    return std::any_of(lines.begin(), lines.end(), [&](const LogLine& l) {
+        return l.group == group && l.message == message;
+    });
+}
+
+size_t CountPrefix(const std::vector<std::string>& records, const std::string& prefix)
+{
+    return static_cast<size_t>(std::count_if(records.begin(), records.end(), [&](const auto& r) {
+        return r.rfind(prefix, 0) == 0;
+    }));
+}
+
+std::vector<std::string> TcpRelayArguments(int basePort, const std::string& password = "secret")
+{
+    return {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort", std::to_string(basePort),
+            "--relayPassword", password};
+}
+
+// Every run starts and ends its log the same way.
+void ExpectStartAndEnd(const std::string& log)
+{
+    const auto lines = ParseLog(log);
+    ASSERT_GE(lines.size(), 3u) << log;
+    EXPECT_EQ(lines.front().group, kInformation);
+    EXPECT_EQ(lines.front().message, "---------------START---------------");
+    EXPECT_EQ(lines.front().function, "StartLogging");
+    EXPECT_EQ(lines[1].message.rfind("Velorane Conference Version - ", 0), 0u) << lines[1].message;
+    EXPECT_EQ(lines.back().message, "----------------END----------------");
+    EXPECT_EQ(lines.back().group, kInformation);
+}
+
+TEST(RelayEndToEndTest, HelpExitsBeforeAnyLogFile)
+{
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartRelay({"--help"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Relay().WaitForExit(20s, &code));
+    EXPECT_EQ(code, 0);
+    const std::string out = scene.Relay().Output();
+    EXPECT_NE(out.find("Velorane Conference"), std::string::npos) << out;
+    EXPECT_NE(out.find("-h,--help"), std::string::npos) << out;
+    EXPECT_NE(out.find("Print this help message and exit"), std::string::npos) << out;
+    EXPECT_NE(out.find("--relayPort UINT"), std::string::npos) << out;
+    EXPECT_FALSE(scene.LogFolderExists());
+}
+
+TEST(RelayEndToEndTest, BadOptionExitsBeforeAnyLogFile)
+{
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartRelay({"--no-such-option"}));
+    int code = 0;
+    ASSERT_TRUE(scene.Relay().WaitForExit(20s, &code));
+    EXPECT_NE(code, 0);
+    EXPECT_NE(scene.Relay().Output().find("--no-such-option"), std::string::npos);
+    EXPECT_FALSE(scene.LogFolderExists());
+}
+
+TEST(RelayEndToEndTest, PortAbove16BitsIsRefusedByTheParser)
+{
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartRelay({"--relayPort", "70000"}));
+    int code = 0;
+    ASSERT_TRUE(scene.Relay().WaitForExit(20s, &code));
+    EXPECT_NE(code, 0);
+    EXPECT_FALSE(scene.LogFolderExists());
+}
+
+TEST(RelayEndToEndTest, NoClientEndsTheRelayAfterFiveSeconds)
+{
+    EndToEndScene scene;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(scene.StartRelay({"-m"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Relay().WaitForExit(30s, &code));
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(code, 0);
+    EXPECT_GE(elapsed, 4500ms);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kWarning, "Skipping Relay communication!")) << log;
+    EXPECT_TRUE(HasLine(log, kSevere,
+                        "Unable to establish IPC communication with the VeloraneClient"))
+        << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit.")) << log;
+    EXPECT_TRUE(HasLine(log, kWarning, "Skipping creation of virtual monitor!")) << log;
+}
+
+TEST(RelayEndToEndTest, StartScrapePullsFramesUntilKill)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:1000", "kill"}, TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0) << scene.Client().Output();
+
+    const auto kyr = scene.KyrRecords();
+    ASSERT_GE(kyr.size(), 3u);
+    // Length 6, little-endian, then "secret".
+    EXPECT_EQ(kyr[0], "password 06000000736563726574");
+    EXPECT_EQ(kyr[1], kStartVideo);
+    // One request every 66 ms for about a second, whatever the answers do.
+    const size_t requests = CountPrefix(kyr, kRequestFrame);
+    EXPECT_GE(requests, 8u);
+    EXPECT_LE(requests, 25u);
+    for (size_t i = 2; i < kyr.size(); ++i) {
+        EXPECT_TRUE(kyr[i] == kRequestFrame || kyr[i] == "closed") << kyr[i];
+    }
+
+    // A kill from the client gets nothing back.
+    const auto client = scene.ClientRecords();
+    EXPECT_EQ(CountPrefix(client, "message "), 0u);
+
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kInformation, "Successful Socket connection to 127.0.0.1")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "IPC communication with VeloraneClient established"));
+    EXPECT_TRUE(HasLine(log, kInformation, "New relay frame source: Kyr"));
+    EXPECT_TRUE(HasLine(log, kInformation, "Received KillApplication"));
+    EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit."));
+    EXPECT_FALSE(HasLine(log, kInformation, "Internally told to quit"));
+    // Frames come in order from kyr-sim.
+    EXPECT_EQ(log.find("Frame out of order"), std::string::npos);
+    // The password never reaches the log.
+    EXPECT_EQ(log.find("secret"), std::string::npos);
+}
+
+TEST(RelayEndToEndTest, SecondKillCommandEndsTheRelayAlike)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
+    ASSERT_TRUE(scene.StartClient({"wait:300", "kill2"}, TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), "message "), 0u);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kInformation, "Received KillApplication"));
+    EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit."));
+}
+
+TEST(RelayEndToEndTest, LostClientEndsTheRelayWithNothingSent)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
+    ASSERT_TRUE(scene.StartClient({"wait:300", "disconnect"}, TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), "message "), 0u);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kInformation, "IPC Disconnected"));
+    EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit."));
+}
+
+TEST(RelayEndToEndTest, KyrClosingTheSocketEndsTheRelayAndTellsTheClient)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret", "--close-after", "3"}));
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:20000"}, TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const auto client = scene.ClientRecords();
+    EXPECT_EQ(CountPrefix(client, kQuitMessage), 1u);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kSevere, "Socket error 1")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Internally told to quit"));
+}
+
+TEST(RelayEndToEndTest, WrongPasswordIsRefusedByClosingAndTheRelayEnds)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "right"}));
+    ASSERT_TRUE(
+        scene.StartClient({"start-scrape", "wait:20000"}, TcpRelayArguments(base, "wrong")));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const auto kyr = scene.KyrRecords();
+    ASSERT_FALSE(kyr.empty());
+    EXPECT_EQ(kyr[0], "password 05000000" + Hex("wrong"));
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), kQuitMessage), 1u);
+    const std::string log = scene.LogText();
+    EXPECT_TRUE(HasLine(log, kSevere, "Socket error 1")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Internally told to quit"));
+}
+
+TEST(RelayEndToEndTest, EmptyPasswordSendsAFourByteFrame)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base));
+    ASSERT_TRUE(scene.StartClient({"wait:500", "kill"}, TcpRelayArguments(base, "")));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const auto kyr = scene.KyrRecords();
+    ASSERT_FALSE(kyr.empty());
+    EXPECT_EQ(kyr[0], "password 00000000");
+}
+
+TEST(RelayEndToEndTest, FiveSecondsWithoutAnAnswerEndTheRelay)
+{
+    // The pull timer restarts the request timer with every request, so the
+    // time-out shows once the client takes over the frames: StopVideo is the
+    // last request, and the Kyr never answers anything.
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret", "--stall-after", "0"}));
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:300", "pixels-frame:0:16", "wait:20000"},
+                                  TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const auto kyr = scene.KyrRecords();
+    ASSERT_GE(kyr.size(), 3u);
+    EXPECT_EQ(kyr[1], kStartVideo);
+    EXPECT_EQ(CountPrefix(kyr, kStopVideo), 1u);
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), kQuitMessage), 1u);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kInformation, "New relay frame source: Client"));
+    EXPECT_TRUE(HasLine(log, kWarning, "Socket request timed out.")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Internally told to quit"));
+}
+
+TEST(RelayEndToEndTest, BasePort65535WrapsToPortTwo)
+{
+    EndToEndScene scene;
+    if (!scene.StartKyr(65535, {"--password", "secret"})) {
+        GTEST_SKIP() << "port 2 can't be bound here (not root): " << scene.Kyr().Output();
+    }
+    ASSERT_TRUE(scene.StartClient({"wait:500", "kill"}, TcpRelayArguments(65535)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const auto kyr = scene.KyrRecords();
+    ASSERT_FALSE(kyr.empty());
+    EXPECT_EQ(kyr[0], "password 06000000736563726574");
+    EXPECT_TRUE(HasLine(scene.LogText(), kInformation, "Successful Socket connection to 127.0.0.1"));
+}
+
+TEST(RelayEndToEndTest, AddressThatDoesNotParseEndsTheRelay)
+{
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartClient({"wait:20000"}, {"-t", "-m", "--kyrIp", "not-an-address",
+                                                   "--relayPort", "1000"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), kQuitMessage), 1u);
+    const std::string log = scene.LogText();
+    EXPECT_TRUE(HasLine(log, kWarning, "Socket was unable to connect to :1003")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Internally told to quit"));
+}
+
+TEST(RelayEndToEndTest, GarbageAndForgedSizesFromTheKyrNeverCrashTheRelay)
+{
+    for (const auto& fault : std::vector<std::vector<std::string>>{
+             {"--garbage-after", "2"}, {"--huge-size"}, {"--small-size"}, {"--split"},
+             {"--merge"}}) {
+        EndToEndScene scene;
+        const int base = EndToEndScene::FreeBasePort();
+        std::vector<std::string> options{"--password", "secret"};
+        options.insert(options.end(), fault.begin(), fault.end());
+        ASSERT_TRUE(scene.StartKyr(base, options));
+        ASSERT_TRUE(
+            scene.StartClient({"start-scrape", "wait:800", "kill"}, TcpRelayArguments(base)));
+        int code = -1;
+        ASSERT_TRUE(scene.Client().WaitForExit(40s, &code)) << fault[0];
+        EXPECT_EQ(code, 0) << fault[0] << "\n" << scene.Client().Output();
+        const std::string log = scene.LogText();
+        ExpectStartAndEnd(log);
+        EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit.")) << fault[0];
+        if (fault[0] == "--garbage-after") {
+            EXPECT_TRUE(HasLine(log, kSevere, "Response received was too small! bytesReceived=[7]"))
+                << log;
+        }
+        if (fault[0] == "--split" || fault[0] == "--merge") {
+            EXPECT_EQ(log.find("Frame out of order"), std::string::npos) << fault[0];
+        }
+    }
+}
+
+TEST(RelayEndToEndTest, ClientMessagesSplitAndMergedAreHandled)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
+    // StartScrape in two writes; then an unknown command merged with an
+    // Error: one message per read, so the Error waits in the buffer and comes
+    // out with the next read, which leaves the first kill waiting in turn
+    // until the second kill arrives.
+    ASSERT_TRUE(scene.StartClient({"split:3", "start-scrape", "wait:300", "merge", "unknown:4660",
+                                   "error-to-relay", "wait:300", "kill", "wait:300", "kill"},
+                                  TcpRelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kInformation, "New relay frame source: Kyr"));
+    EXPECT_TRUE(HasLine(log, kWarning, "Unknown command: 4660")) << log;
+    EXPECT_TRUE(HasLine(log, kWarning, "Unknown command: 65104")) << log;
+    const auto lines = ParseLog(log);
+    const auto kills = std::count_if(lines.begin(), lines.end(), [](const LogLine& l) {
+        return l.message == "Received KillApplication";
+    });
+    EXPECT_EQ(kills, 1);
+    // The Error is reported only after the unknown command.
+    EXPECT_LT(log.find("Unknown command: 4660"), log.find("Unknown command: 65104"));
+    EXPECT_EQ(CountPrefix(scene.KyrRecords(), kStartVideo), 1u);
+}
+
+} // namespace

@@ -1,0 +1,162 @@
+#include "KyrCommandLine.h"
+
+#include <QCommandLineParser>
+
+#include <cstdint>
+
+namespace kyrsim {
+
+namespace {
+
+const char* const kExamples = R"(
+The Kyr listens on 127.0.0.1 at the relay's base port plus 3 and speaks the
+relay protocol over TLS. Give --base-port (the relay's --relayPort) or --port.
+Once listening it prints "kyr-sim: listening on 127.0.0.1:<port>".
+
+Records, one per line, to --record FILE or standard output:
+  password <hex of the whole password frame>
+  request <hex of the whole request, header and payload>
+  partial <hex of an unfinished request left at the end>
+  closed
+
+Exit codes: 0 normal end (also at the time limit), 1 can't listen,
+2 bad arguments.
+
+Examples:
+  scripts/make-test-cert.sh /tmp/kyr
+  kyr-sim --base-port 47000 --cert /tmp/kyr/kyr-sim.crt \
+          --key /tmp/kyr/kyr-sim.key --password secret --record /tmp/kyr.log
+  kyr-sim --port 0 --cert c.crt --key c.key --stall-after 3 --time-limit 20
+)";
+
+// Reads an integer option in [low, high]; an unset option leaves *value.
+bool ReadNumber(const QCommandLineParser& parser, const QString& name, qint64 low, qint64 high,
+                qint64* value, QString* message)
+{
+    if (!parser.isSet(name)) {
+        return true;
+    }
+    bool ok = false;
+    const qint64 number = parser.value(name).toLongLong(&ok, 0);
+    if (!ok || number < low || number > high) {
+        *message = QStringLiteral("--%1 needs a number from %2 to %3").arg(name).arg(low).arg(high);
+        return false;
+    }
+    *value = number;
+    return true;
+}
+
+bool ReadInt(const QCommandLineParser& parser, const QString& name, qint64 low, qint64 high,
+             int* value, QString* message)
+{
+    qint64 number = *value;
+    if (!ReadNumber(parser, name, low, high, &number, message)) {
+        return false;
+    }
+    *value = static_cast<int>(number);
+    return true;
+}
+
+} // namespace
+
+KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrOptions* options,
+                                              QString* message)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Emulates a Kyr: a TLS server that answers relay requests."));
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption help(QStringList{"h", "help"}, "Show this text and exit.");
+    parser.addOption(help);
+    parser.addOptions({
+        {"base-port", "Relay base port P; listen on (P + 3) mod 65536.", "P"},
+        {"port", "Listen on port N directly; 0 picks a free port.", "N"},
+        {"cert", "Server certificate, PEM.", "FILE"},
+        {"key", "Private key of the certificate, PEM, unencrypted.", "FILE"},
+        {"password",
+         "Expected password (default empty). A different one closes the "
+         "connection.",
+         "TEXT"},
+        {"record", "Append records to FILE instead of standard output.", "FILE"},
+        {"first-frame", "Number of the first frame (default 0).", "N"},
+        {"frame-bytes", "Bitstream bytes per frame (default 64).", "N"},
+        {"audio-bytes", "Zero bytes in each audio response (default 0).", "N"},
+        {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
+        {"close-after", "Answer N requests, then close the connection.", "N"},
+        {"garbage-after", "After N answers, send garbage once instead of the next answer.", "N"},
+        {"garbage-bytes", "Length of that garbage, bytes of 0xA5 (default 7).", "K"},
+        {"split", "Write each response in two parts, 5 bytes then the rest, 50 ms apart."},
+        {"merge", "Hold each response and write it together with the next one."},
+        {"huge-size", "Second answer: a bare header with size 0xFFFFFFF0."},
+        {"small-size", "Every answer: a bare header with size 4."},
+        {"no-tls-reply", "Accept TCP but never answer the TLS handshake."},
+        {"refuse", "Don't listen: print \"kyr-sim: refusing\" and exit 0."},
+        {"time-limit", "Exit by itself after SEC seconds (default 60).", "SEC"},
+    });
+
+    if (!parser.parse(arguments)) {
+        *message = parser.errorText();
+        return Outcome::Error;
+    }
+    if (parser.isSet(help)) {
+        *message = parser.helpText() + QString::fromLatin1(kExamples);
+        return Outcome::Help;
+    }
+    if (!parser.positionalArguments().isEmpty()) {
+        *message = QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments()[0]);
+        return Outcome::Error;
+    }
+
+    options->refuse = parser.isSet("refuse");
+    options->noTlsReply = parser.isSet("no-tls-reply");
+    options->split = parser.isSet("split");
+    options->merge = parser.isSet("merge");
+    options->hugeSize = parser.isSet("huge-size");
+    options->smallSize = parser.isSet("small-size");
+    options->certFile = parser.value("cert");
+    options->keyFile = parser.value("key");
+    options->recordFile = parser.value("record");
+    options->password = parser.value("password").toUtf8();
+
+    const bool hasBase = parser.isSet("base-port");
+    const bool hasPort = parser.isSet("port");
+    if (hasBase && hasPort) {
+        *message = QStringLiteral("give only one of --base-port and --port");
+        return Outcome::Error;
+    }
+    qint64 port = 0;
+    if (!ReadNumber(parser, "base-port", 0, 65535, &port, message) ||
+        !ReadNumber(parser, "port", 0, 65535, &port, message)) {
+        return Outcome::Error;
+    }
+    options->port = static_cast<quint16>(hasBase ? (port + 3) & 0xFFFF : port);
+
+    qint64 firstFrame = options->firstFrame;
+    if (!ReadNumber(parser, "first-frame", INT32_MIN, INT32_MAX, &firstFrame, message) ||
+        !ReadInt(parser, "frame-bytes", 0, kMaxDeclaredBytes, &options->frameBytes, message) ||
+        !ReadInt(parser, "audio-bytes", 0, kMaxDeclaredBytes, &options->audioBytes, message) ||
+        !ReadInt(parser, "stall-after", 0, INT32_MAX, &options->stallAfter, message) ||
+        !ReadInt(parser, "close-after", 0, INT32_MAX, &options->closeAfter, message) ||
+        !ReadInt(parser, "garbage-after", 0, INT32_MAX, &options->garbageAfter, message) ||
+        !ReadInt(parser, "garbage-bytes", 1, kMaxDeclaredBytes, &options->garbageBytes, message) ||
+        !ReadInt(parser, "time-limit", 1, 86400, &options->timeLimitSec, message)) {
+        return Outcome::Error;
+    }
+    options->firstFrame = static_cast<qint32>(firstFrame);
+
+    if (options->refuse) {
+        return Outcome::Run;
+    }
+    if (!hasBase && !hasPort) {
+        *message = QStringLiteral("--base-port or --port is required");
+        return Outcome::Error;
+    }
+    if (!options->noTlsReply && (options->certFile.isEmpty() || options->keyFile.isEmpty())) {
+        *message = QStringLiteral("--cert and --key are required (scripts/make-test-cert.sh "
+                                  "makes a pair)");
+        return Outcome::Error;
+    }
+    return Outcome::Run;
+}
+
+} // namespace kyrsim

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QtGlobal>
+
+namespace kyrsim {
+
+// Everything kyr-sim takes from its command line. A count of -1 means the
+// fault mode is off.
+struct KyrOptions
+{
+    quint16 port = 0;
+    QString certFile;
+    QString keyFile;
+    QByteArray password;
+    QString recordFile; // empty: records go to standard output
+
+    qint32 firstFrame = 0;
+    int frameBytes = 64;
+    int audioBytes = 0;
+
+    int stallAfter = -1;
+    int closeAfter = -1;
+    int garbageAfter = -1;
+    int garbageBytes = 7;
+    bool split = false;
+    bool merge = false;
+    bool hugeSize = false;
+    bool smallSize = false;
+    bool noTlsReply = false;
+    bool refuse = false;
+
+    int timeLimitSec = 60;
+};
+
+// Upper bound for any size a peer declares or an option asks for.
+constexpr int kMaxDeclaredBytes = 64 * 1024 * 1024;
+
+} // namespace kyrsim

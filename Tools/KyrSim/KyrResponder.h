@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QByteArray>
+#include <QtGlobal>
+
+namespace kyrsim {
+
+// The well-behaved Kyr: builds the response to one request and keeps the
+// video state that later responses depend on (picture size, frame number).
+//
+// A request is little-endian: service, command, payload count (header not
+// counted), payload. A response header is big-endian: service, command,
+// size of the whole message including the 12 header bytes.
+class KyrResponder
+{
+public:
+    static constexpr quint32 kServiceVideo = 0xBBFE4599;
+    static constexpr quint32 kServiceAudio = 0xEABA0314;
+    static constexpr quint32 kStartVideo = 0xCD01;
+    static constexpr quint32 kRequestFrame = 0xD0F9;
+    static constexpr quint32 kStopVideo = 0xEF34;
+    static constexpr quint32 kRequestAudio = 0x62EB;
+    static constexpr quint32 kTimeOffsetPing = 0xD43E;
+
+    KyrResponder(qint32 firstFrame, int frameBytes, int audioBytes);
+
+    // payload: the request's bytes after its 12-byte header.
+    QByteArray Respond(quint32 service, quint32 command, const QByteArray& payload);
+
+    static QByteArray Header(quint32 service, quint32 command, quint32 size);
+
+private:
+    QByteArray FramePayload();
+
+    qint32 m_nextFrame;
+    qint32 m_width = 1280;
+    qint32 m_height = 720;
+    QByteArray m_bitstream;
+    int m_audioBytes;
+};
+
+} // namespace kyrsim

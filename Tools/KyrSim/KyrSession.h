@@ -1,0 +1,50 @@
+#pragma once
+
+#include "KyrOptions.h"
+#include "KyrResponder.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QSslSocket>
+
+namespace kyrsim {
+
+class Recorder;
+class ResponseWriter;
+
+// One relay connection: checks the password frame, records and answers
+// requests, and applies the fault modes. The fault counters are per
+// connection. Deletes itself, with its socket, when the connection ends.
+class KyrSession : public QObject
+{
+    Q_OBJECT
+
+public:
+    KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder, QObject* parent);
+
+private:
+    void OnReadyRead();
+    void OnDisconnected();
+    // Each takes one complete item from m_buffer; false when more bytes
+    // are needed or the connection is being closed.
+    bool TakePassword();
+    bool TakeRequest();
+    void Answer(const QByteArray& request);
+    QByteArray FaultyAnswer(quint32 service, quint32 command, const QByteArray& normal);
+    void Close(const QString& reason);
+
+    QSslSocket* m_socket;
+    KyrOptions m_options;
+    Recorder* m_recorder;
+    KyrResponder m_responder;
+    ResponseWriter* m_writer;
+    QByteArray m_buffer;
+    bool m_passwordTaken = false;
+    bool m_closing = false;
+    bool m_ended = false;
+    int m_answered = 0;
+    bool m_garbageSent = false;
+    bool m_hugeSent = false;
+};
+
+} // namespace kyrsim

@@ -1,0 +1,118 @@
+// kyr-sim: stands in for a Kyr so that the relay's TCP transport can be
+// driven end to end, including the ways a Kyr or a network can misbehave.
+
+#include "Console.h"
+#include "KyrCommandLine.h"
+#include "KyrSession.h"
+#include "Recorder.h"
+#include "TlsServer.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QHostAddress>
+#include <QTimer>
+
+#include <cstdio>
+
+using namespace kyrsim;
+
+namespace {
+
+bool ReadPem(const QString& path, QByteArray* bytes, QString* error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("can't read %1: %2").arg(path, file.errorString());
+        return false;
+    }
+    *bytes = file.readAll();
+    return true;
+}
+
+// Loads the pair, trying the key as RSA and then as EC.
+bool LoadIdentity(const KyrOptions& options, QSslCertificate* certificate, QSslKey* key,
+                  QString* error)
+{
+    QByteArray certPem;
+    QByteArray keyPem;
+    if (!ReadPem(options.certFile, &certPem, error) || !ReadPem(options.keyFile, &keyPem, error)) {
+        return false;
+    }
+    *certificate = QSslCertificate(certPem, QSsl::Pem);
+    if (certificate->isNull()) {
+        *error = QStringLiteral("%1 holds no PEM certificate").arg(options.certFile);
+        return false;
+    }
+    *key = QSslKey(keyPem, QSsl::Rsa, QSsl::Pem);
+    if (key->isNull()) {
+        *key = QSslKey(keyPem, QSsl::Ec, QSsl::Pem);
+    }
+    if (key->isNull()) {
+        *error = QStringLiteral("%1 holds no unencrypted PEM RSA or EC key").arg(options.keyFile);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("kyr-sim"));
+
+    KyrOptions options;
+    QString message;
+    switch (KyrCommandLine::Parse(QCoreApplication::arguments(), &options, &message)) {
+    case KyrCommandLine::Outcome::Help:
+        std::fputs(message.toUtf8().constData(), stdout);
+        return 0;
+    case KyrCommandLine::Outcome::Error:
+        PrintErr(message + QStringLiteral(" (see --help)"));
+        return 2;
+    case KyrCommandLine::Outcome::Run:
+        break;
+    }
+
+    if (options.refuse) {
+        PrintOut(QStringLiteral("refusing"));
+        return 0;
+    }
+
+    QSslCertificate certificate;
+    QSslKey key;
+    if (!options.noTlsReply) {
+        if (!QSslSocket::supportsSsl()) {
+            PrintErr(QStringLiteral("Qt has no TLS support here"));
+            return 1;
+        }
+        if (!LoadIdentity(options, &certificate, &key, &message)) {
+            PrintErr(message);
+            return 2;
+        }
+    }
+
+    Recorder recorder;
+    if (!recorder.Open(options.recordFile, &message)) {
+        PrintErr(message);
+        return 2;
+    }
+
+    TlsServer server(certificate, key, options.noTlsReply);
+    QObject::connect(&server, &TlsServer::SignalConnection, &server, [&](QSslSocket* socket) {
+        new KyrSession(socket, options, &recorder, &server);
+    });
+    if (!server.listen(QHostAddress::LocalHost, options.port)) {
+        PrintErr(QStringLiteral("can't listen on 127.0.0.1:%1: %2")
+                     .arg(options.port)
+                     .arg(server.errorString()));
+        return 1;
+    }
+    PrintOut(QStringLiteral("listening on 127.0.0.1:%1").arg(server.serverPort()));
+
+    QTimer::singleShot(options.timeLimitSec * 1000, &app, [] {
+        PrintErr(QStringLiteral("time limit reached"));
+        QCoreApplication::quit();
+    });
+    return app.exec();
+}
