@@ -138,9 +138,13 @@ TEST(LoggerTest, AddingAListedStoreMovesItLastWithOneMoreReference)
     EXPECT_EQ(trace, "yx");
     ordered->RemoveStore(x);
     ordered->RemoveStore(y);
+    // The second AddStore's reference is not given back by one RemoveStore.
+    x->Release();
 
     logger->RemoveStore(a);
     logger->RemoveStore(b);
+    EXPECT_EQ(a->GetRefCount(), 2);
+    a->Release();
 }
 
 TEST(LoggerTest, RemovingAStoreReleasesItsReference)
