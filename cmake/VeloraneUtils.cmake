@@ -44,6 +44,7 @@ endfunction()
 
 # A GoogleTest executable; each test case becomes its own CTest test. LABELS
 # lets the test script pick suites (for example "nonqt" for the TSan run).
+# ENVIRONMENT takes one NAME=value pair.
 function(velorane_add_test target)
     cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
     velorane_add_executable(${target} SOURCES ${ARG_SOURCES}
@@ -51,8 +52,16 @@ function(velorane_add_test target)
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)
     endif()
+    # The discovered tests take one label: the list joined with "-", so
+    # "nonqt;video" becomes "nonqt-video" and `ctest -L nonqt` still finds it
+    # (a list would be split apart on its way to the generated test script).
+    string(REPLACE ";" "-" _labels "${ARG_LABELS}")
+    set(_properties TIMEOUT ${ARG_TIMEOUT} LABELS "${_labels}")
+    if(ARG_ENVIRONMENT)
+        list(APPEND _properties ENVIRONMENT "${ARG_ENVIRONMENT}")
+    endif()
     gtest_discover_tests(${target}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" ENVIRONMENT "${ARG_ENVIRONMENT}")
+        PROPERTIES ${_properties})
 endfunction()

@@ -1,6 +1,8 @@
 #include "Clients/Conference/RelayWindow.h"
 
 #include "Common/Logger/Src/Logger.h"
+#include "Common/VideoDecode/Src/VideoFrame.h"
+#include "Common/VideoDecode/Src/VideoRenderer.h"
 
 #include <QDataStream>
 #include <QEvent>
@@ -10,10 +12,17 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <memory>
+
 namespace quorvan::velorane::relay {
 
 namespace {
 constexpr int kMinimumFramePayload = 9;
+// Frame number and length come before the bitstream.
+constexpr int kFramePayloadHeader = 8;
 }
 
 int32_t& RelayWindow::PreviousFrameNumber()
@@ -24,11 +33,14 @@ int32_t& RelayWindow::PreviousFrameNumber()
 
 RelayWindow::RelayWindow(const RelayConfig& config)
     : QWidget(nullptr), m_config(config), m_layout(new QVBoxLayout(this)),
-      m_frameTimer(new QTimer(this)), m_calibrateTimer(new QTimer(this))
+      m_frameTimer(new QTimer(this)), m_calibrateTimer(new QTimer(this)),
+      m_videoRenderer(new VideoRenderer(static_cast<unsigned>(config.windowWidth),
+                                        static_cast<unsigned>(config.windowHeight), this))
 {
     if (m_config.useMonitor) {
         setWindowFlags(Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
     }
+    m_layout->addWidget(m_videoRenderer);
     m_layout->setContentsMargins(0, 0, 0, 0);
     setLayout(m_layout);
     setWindowTitle(QString::fromUtf8(m_config.windowName.c_str()));
@@ -43,6 +55,8 @@ RelayWindow::RelayWindow(const RelayConfig& config)
     m_calibrateTimer->setInterval(kCalibrateIntervalMs);
 }
 
+// The decoder member goes before the renderer, a child widget: no picture
+// can arrive once the renderer is being destroyed.
 RelayWindow::~RelayWindow() { m_closing = true; }
 
 RESULT RelayWindow::Initialize()
@@ -59,7 +73,10 @@ RESULT RelayWindow::Initialize()
 RESULT RelayWindow::Terminate()
 {
     m_frameTimer->stop();
-    // The video decoder is stopped here once the video path lands.
+    if (m_videoDecoder) {
+        m_videoDecoder->Stop();
+        m_videoDecoder->Terminate();
+    }
     m_calibrateTimer->stop();
     return VLOG_RESULT(EGroupValueSevere, Success);
 }
@@ -151,10 +168,50 @@ void RelayWindow::ReceiveFrame(const QByteArray& data)
     if (!stream.atEnd()) {
         stream >> width >> height;
     }
-    // The decoder is rebuilt here on a size change, and the bitstream is
-    // handed to it, once the video path lands.
+    if (!m_videoDecoder || width != m_frameWidth || height != m_frameHeight) {
+        // The old decoder's thread ends in its destructor, on this thread.
+        m_videoDecoder.Reset();
+        CreateVideoDecoder(&m_videoDecoder);
+        using namespace std::placeholders;
+        m_videoDecoder->Initialize(
+            std::bind(&RelayWindow::RenderNewFrame, this, _1, _2, _3, _4, _5, _6),
+            IVideoDecoder::CodecH264, IVideoDecoder::DecoderHardware);
+        m_videoDecoder->Start();
+    }
     m_frameWidth = width;
     m_frameHeight = height;
+
+    auto frame = std::make_unique<VideoFrame>();
+    frame->number = frameNumber;
+    frame->wireNumber = frameNumber;
+    frame->size = length;
+    frame->wireSize = length;
+    frame->width = static_cast<uint32_t>(width);
+    frame->height = static_cast<uint32_t>(height);
+    // The wire's length is not checked against the payload; the copy is
+    // bounded by what arrived and by the frame's room, and a frame whose
+    // length is over the limit is refused by the queue as before.
+    const int64_t available = static_cast<int64_t>(data.size()) - kFramePayloadHeader;
+    const int64_t copied =
+        std::clamp<int64_t>(std::min<int64_t>(length, available), 0, kMaxFrameSize);
+    std::memcpy(frame->data, data.constData() + kFramePayloadHeader, static_cast<size_t>(copied));
+    if (length >= 0 && static_cast<uint32_t>(length) <= kMaxFrameSize) {
+        std::memcpy(frame->data + length, &width, sizeof(width));
+        std::memcpy(frame->data + length + sizeof(width), &height, sizeof(height));
+    }
+    m_videoDecoder->DeliverFrame(std::move(frame));
+}
+
+void RelayWindow::RenderNewFrame(uint32_t width, uint32_t height, int* stride, uint8_t* yData,
+                                 uint8_t* uData, uint8_t* vData)
+{
+    if (m_closing) {
+        return;
+    }
+    // Copies the planes and asks the GUI thread for a repaint: no widget
+    // call is made from the decoder thread.
+    m_videoRenderer->renderFrame(width, height, stride, yData, uData, vData);
+    m_videoRenderer->requestRepaint();
 }
 
 bool RelayWindow::event(QEvent* e)

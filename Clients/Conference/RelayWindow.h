@@ -4,23 +4,32 @@
 // (pulled from the Kyr every 66 ms, or pushed by the client application),
 // parses the frame payload, and will show the video on the virtual monitor.
 //
-// Threads: everything runs on the GUI thread.
+// Threads: everything runs on the GUI thread but RenderNewFrame, which the
+// decoder thread calls directly for each picture; it touches only the
+// renderer's thread-safe entry points and the atomic m_closing.
 //
-// Not here yet, each with its seam below: the video path (decoder and
-// renderer), the virtual monitor (ConferenceMonitor, DisplayManager). Until
-// they land a parsed frame goes no further than ReceiveFrame.
+// Not here yet, with its seam below: the virtual monitor (ConferenceMonitor,
+// DisplayManager).
 
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
+#include "Common/Platform/Src/RefCount.h"
 #include "Common/Platform/Src/Result.h"
+#include "Common/VideoDecode/Src/IVideoDecoder.h"
 
 #include <QByteArray>
 #include <QRect>
 #include <QSharedPointer>
 #include <QWidget>
 
+#include <atomic>
+
 class QTimer;
 class QVBoxLayout;
+
+namespace quorvan {
+class VideoRenderer;
+}
 
 namespace quorvan::velorane::relay {
 
@@ -46,7 +55,10 @@ public:
     RESULT Terminate();
 
     int32_t FrameSource() const { return m_frameSource; }
-    bool Closing() const { return m_closing; }
+    bool Closing() const { return m_closing.load(); }
+    // The decoder in use, or null before the first frame.
+    IVideoDecoder* Decoder() const { return m_videoDecoder.Get(); }
+    VideoRenderer* Renderer() const { return m_videoRenderer; }
     int32_t FrameWidth() const { return m_frameWidth; }
     int32_t FrameHeight() const { return m_frameHeight; }
 
@@ -60,6 +72,9 @@ Q_SIGNALS:
     void SignalSendRelayCommand(RelayCommandData commandData);
 
 public Q_SLOTS:
+    // Called by the decoder thread for each picture.
+    void RenderNewFrame(uint32_t width, uint32_t height, int* stride, uint8_t* yData,
+                        uint8_t* uData, uint8_t* vData);
     void ReceiveRelayCommandResponse(RelayService service, RelayCommand command, QByteArray data);
     void ReceiveFrameFromClient(QSharedPointer<QByteArray> frame);
     void BeginRequestingFramesFromKyr();
@@ -81,9 +96,11 @@ private:
     QVBoxLayout* m_layout;
     QTimer* m_frameTimer;
     QTimer* m_calibrateTimer;
+    VideoRenderer* m_videoRenderer;
+    CRefCountPtr<IVideoDecoder> m_videoDecoder;
     int32_t m_frameWidth = 0;
     int32_t m_frameHeight = 0;
-    bool m_closing = false;
+    std::atomic<bool> m_closing{false};
     int32_t m_frameSource = FrameSourceNone;
 };
 

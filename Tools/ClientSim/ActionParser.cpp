@@ -1,6 +1,7 @@
 #include "ActionParser.h"
 
 #include "LinkMessage.h"
+#include "Tools/Common/H264Encoder.h"
 
 #include <QFile>
 #include <QRegularExpression>
@@ -14,6 +15,9 @@ namespace {
 
 // Largest file or generated bitstream a DesktopPixels message may carry.
 constexpr qint64 kMaxPixelBytes = 64 * 1024 * 1024;
+// Picture size of pixels-h264 without WxH.
+constexpr int kDefaultWidth = 1280;
+constexpr int kDefaultHeight = 720;
 
 bool ReadNumber(const QString& text, qint64 low, qint64 high, qint64* value)
 {
@@ -57,6 +61,31 @@ bool ParsePixelsFrame(const QString& text, const QStringList& fields, ClientActi
         LinkMessage::kDesktopPixels,
         LinkMessage::FramePayload(static_cast<qint32>(number), static_cast<int>(length), withSize,
                                   static_cast<qint32>(width), static_cast<qint32>(height)));
+    return true;
+}
+
+// pixels-h264:COUNT[:WxH]; the size is fitted to the encoder when the
+// stream starts.
+bool ParsePixelsH264(const QString& text, const QString& argument, ClientAction* action,
+                     QString* error)
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("^(\\d{1,6})(?::(\\d{1,5})x(\\d{1,5}))?$"));
+    const QRegularExpressionMatch match = pattern.match(argument);
+    const int count = match.captured(1).toInt();
+    if (!match.hasMatch() || count < 1 || count > 100000) {
+        return Fail(text,
+                    QStringLiteral("expected pixels-h264:COUNT[:WxH], COUNT from 1 to 100000"),
+                    error);
+    }
+    QString why;
+    if (!simcommon::H264Encoder::IsAvailable(&why)) {
+        return Fail(text, why, error);
+    }
+    action->kind = ClientAction::Kind::PixelsH264;
+    action->number = count;
+    action->width = match.captured(2).isEmpty() ? kDefaultWidth : match.captured(2).toInt();
+    action->height = match.captured(3).isEmpty() ? kDefaultHeight : match.captured(3).toInt();
     return true;
 }
 
@@ -115,6 +144,8 @@ bool ActionParser::Parse(const QString& text, ClientAction* action, QString* err
         action->bytes = LinkMessage::Build(static_cast<quint32>(number));
     } else if (name == QLatin1String("pixels")) {
         return ParsePixelsFile(text, argument, action, error);
+    } else if (name == QLatin1String("pixels-h264")) {
+        return ParsePixelsH264(text, argument, action, error);
     } else if (name == QLatin1String("pixels-frame")) {
         return ParsePixelsFrame(text, text.split(QLatin1Char(':')), action, error);
     } else if (name == QLatin1String("raw")) {

@@ -16,11 +16,14 @@ struct ClientAction
         MergeNext,  // the next two Writes go out in one write
         Wait,       // number: milliseconds
         Disconnect, // close the link
+        PixelsH264, // number: DesktopPixels messages of H.264 at width x height
     };
 
     Kind kind = Kind::Write;
     QByteArray bytes;
     int number = 0;
+    int width = 0;
+    int height = 0;
     QString text; // as given on the command line, for diagnostics
 };
 

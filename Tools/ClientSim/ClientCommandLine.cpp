@@ -24,6 +24,9 @@ Actions for --send, run in order once the relay has connected:
   pixels:FILE             DesktopPixels with the bytes of FILE as data
   pixels-frame:NUMBER:LENGTH[:W:H]
                           DesktopPixels with a generated frame payload
+  pixels-h264:COUNT[:WxH] COUNT DesktopPixels, one H.264 access unit of a
+                          moving test picture each (default 1280x720),
+                          frame numbers from 0, one every 66 ms
   raw:HEX                 these bytes as they are
   short:N                 the first N bytes of a KillApplication message
   split:N                 write the next message as N bytes, then the rest

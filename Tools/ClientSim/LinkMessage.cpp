@@ -47,4 +47,16 @@ QByteArray LinkMessage::FramePayload(qint32 number, int length, bool withSize, q
     return payload;
 }
 
+QByteArray LinkMessage::FramePayload(qint32 number, const QByteArray& bitstream, qint32 width,
+                                     qint32 height)
+{
+    QByteArray payload;
+    QDataStream stream(&payload, QIODevice::WriteOnly);
+    stream.setByteOrder(QDataStream::LittleEndian);
+    stream << number << static_cast<qint32>(bitstream.size());
+    stream.writeRawData(bitstream.constData(), bitstream.size());
+    stream << width << height;
+    return payload;
+}
+
 } // namespace clientsim

@@ -29,6 +29,9 @@ public:
     // bytes, and the picture size only when withSize is set.
     static QByteArray FramePayload(qint32 number, int length, bool withSize, qint32 width,
                                    qint32 height);
+    // The same with a given bitstream and always the picture size.
+    static QByteArray FramePayload(qint32 number, const QByteArray& bitstream, qint32 width,
+                                   qint32 height);
 };
 
 } // namespace clientsim

@@ -1,6 +1,7 @@
 #include "ScriptRunner.h"
 
 #include "Console.h"
+#include "H264Stream.h"
 
 #include <utility>
 
@@ -30,7 +31,7 @@ void ScriptRunner::Start()
 
 void ScriptRunner::RunNext()
 {
-    while (m_next < m_actions.size() && !m_pause.isActive()) {
+    while (m_next < m_actions.size() && !m_pause.isActive() && m_stream == nullptr) {
         const ClientAction& action = m_actions[m_next++];
         switch (action.kind) {
         case ClientAction::Kind::Write:
@@ -45,6 +46,9 @@ void ScriptRunner::RunNext()
         case ClientAction::Kind::Wait:
             m_pause.start(action.number);
             break;
+        case ClientAction::Kind::PixelsH264:
+            StartStream(action);
+            break;
         case ClientAction::Kind::Disconnect:
             FlushMerge();
             if (m_socket) {
@@ -54,10 +58,39 @@ void ScriptRunner::RunNext()
             break;
         }
     }
-    if (m_next >= m_actions.size() && !m_pause.isActive()) {
+    if (m_next >= m_actions.size() && !m_pause.isActive() && m_stream == nullptr) {
         // A merge still waiting for its second message sends what it has.
         FlushMerge();
     }
+}
+
+// The run's messages are written as they are: a pending split or merge
+// waits for the next ordinary message.
+void ScriptRunner::StartStream(const ClientAction& action)
+{
+    m_stream = new H264Stream(action.number, action.width, action.height, this);
+    connect(m_stream, &H264Stream::SignalMessage, this, &ScriptRunner::OnStreamMessage);
+    // Queued, so that a run that ends inside Start doesn't re-enter RunNext.
+    connect(m_stream, &H264Stream::SignalFinished, this, &ScriptRunner::OnStreamFinished,
+            Qt::QueuedConnection);
+    m_stream->Start();
+}
+
+void ScriptRunner::OnStreamMessage(const QByteArray& message)
+{
+    if (!m_socket || m_socket->state() != QLocalSocket::ConnectedState) {
+        PrintErr(QStringLiteral("link is closed; pixels-h264 stopped"));
+        m_stream->Stop();
+        return;
+    }
+    Write(message);
+}
+
+void ScriptRunner::OnStreamFinished()
+{
+    m_stream->deleteLater();
+    m_stream = nullptr;
+    RunNext();
 }
 
 void ScriptRunner::Emit(const QByteArray& block)

@@ -11,9 +11,12 @@
 
 namespace clientsim {
 
-// Plays the --send script on one connection, in order. Waits and the pause
-// inside a split write hold the script back, so that what follows them
-// goes out after them. A write to a link that has gone is skipped.
+class H264Stream;
+
+// Plays the --send script on one connection, in order. Waits, the pause
+// inside a split write and a pixels-h264 run hold the script back, so that
+// what follows them goes out after them. A write to a link that has gone is
+// skipped; a pixels-h264 run ends at the first such write.
 class ScriptRunner : public QObject
 {
     Q_OBJECT
@@ -25,6 +28,9 @@ public:
 
 private:
     void RunNext();
+    void StartStream(const ClientAction& action);
+    void OnStreamMessage(const QByteArray& message);
+    void OnStreamFinished();
     // Applies a pending merge and split to one block of bytes.
     void Emit(const QByteArray& block);
     void Write(const QByteArray& bytes);
@@ -38,6 +44,7 @@ private:
     QByteArray m_merged;
     QByteArray m_splitRest; // written when m_pause fires
     QTimer m_pause;
+    H264Stream* m_stream = nullptr; // the pixels-h264 run under way
 };
 
 } // namespace clientsim

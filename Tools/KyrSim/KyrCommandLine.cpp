@@ -1,6 +1,7 @@
 #include "KyrCommandLine.h"
 
 #include <QCommandLineParser>
+#include <QRegularExpression>
 
 #include <cstdint>
 
@@ -19,14 +20,20 @@ Records, one per line, to --record FILE or standard output:
   partial <hex of an unfinished request left at the end>
   closed
 
-Exit codes: 0 normal end (also at the time limit), 1 can't listen,
-2 bad arguments.
+Frames are real H.264 (libx264 through libavcodec) of a moving test picture
+at the size StartVideo asks for, fitted to 16..3840 x 16..2160 and even;
+--filler sends the old filler bitstream instead. The frame faults count the
+frames answered on a connection from 0.
+
+Exit codes: 0 normal end (also at the time limit), 1 can't listen or no
+H.264 encoder, 2 bad arguments.
 
 Examples:
   scripts/make-test-cert.sh /tmp/kyr
   kyr-sim --base-port 47000 --cert /tmp/kyr/kyr-sim.crt \
           --key /tmp/kyr/kyr-sim.key --password secret --record /tmp/kyr.log
   kyr-sim --port 0 --cert c.crt --key c.key --stall-after 3 --time-limit 20
+  kyr-sim --port 0 --cert c.crt --key c.key --resize-at 40:640x360 --jump-at 50
 )";
 
 // Reads an integer option in [low, high]; an unset option leaves *value.
@@ -57,6 +64,26 @@ bool ReadInt(const QCommandLineParser& parser, const QString& name, qint64 low, 
     return true;
 }
 
+// --resize-at N:WxH
+bool ReadResize(const QCommandLineParser& parser, KyrOptions* options, QString* message)
+{
+    if (!parser.isSet("resize-at")) {
+        return true;
+    }
+    static const QRegularExpression pattern(QStringLiteral("^(\\d{1,9}):(\\d{1,5})x(\\d{1,5})$"));
+    const QRegularExpressionMatch match = pattern.match(parser.value("resize-at"));
+    const int width = match.captured(2).toInt();
+    const int height = match.captured(3).toInt();
+    if (!match.hasMatch() || width < 1 || width > 16384 || height < 1 || height > 16384) {
+        *message = QStringLiteral("--resize-at needs N:WxH, W and H from 1 to 16384");
+        return false;
+    }
+    options->resizeAt = match.captured(1).toInt();
+    options->resizeWidth = width;
+    options->resizeHeight = height;
+    return true;
+}
+
 } // namespace
 
 KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrOptions* options,
@@ -79,7 +106,15 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
          "TEXT"},
         {"record", "Append records to FILE instead of standard output.", "FILE"},
         {"first-frame", "Number of the first frame (default 0).", "N"},
-        {"frame-bytes", "Bitstream bytes per frame (default 64).", "N"},
+        {"filler", "Send filler bitstream instead of H.264."},
+        {"frame-bytes", "Filler bitstream bytes per frame (default 64).", "N"},
+        {"resize-at", "From frame N on, encode at WxH whatever StartVideo asks.", "N:WxH"},
+        {"jump-at", "Frame N's number is 2 above the one before.", "N"},
+        {"oversized-at", "Frame N's access unit is padded with zero bytes to --oversized-bytes.",
+         "N"},
+        {"oversized-bytes", "Size of that padded access unit (default 1048600).", "BYTES"},
+        {"truncate-at", "Frame N carries the first half of its access unit, length to match.", "N"},
+        {"truncate-lie-at", "Frame N's length field claims 4096 bytes more than it carries.", "N"},
         {"audio-bytes", "Zero bytes in each audio response (default 0).", "N"},
         {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
         {"close-after", "Answer N requests, then close the connection.", "N"},
@@ -112,6 +147,7 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     options->split = parser.isSet("split");
     options->merge = parser.isSet("merge");
     options->hugeSize = parser.isSet("huge-size");
+    options->filler = parser.isSet("filler");
     options->smallSize = parser.isSet("small-size");
     options->certFile = parser.value("cert");
     options->keyFile = parser.value("key");
@@ -139,7 +175,14 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         !ReadInt(parser, "close-after", 0, INT32_MAX, &options->closeAfter, message) ||
         !ReadInt(parser, "garbage-after", 0, INT32_MAX, &options->garbageAfter, message) ||
         !ReadInt(parser, "garbage-bytes", 1, kMaxDeclaredBytes, &options->garbageBytes, message) ||
-        !ReadInt(parser, "time-limit", 1, 86400, &options->timeLimitSec, message)) {
+        !ReadInt(parser, "time-limit", 1, 86400, &options->timeLimitSec, message) ||
+        !ReadInt(parser, "jump-at", 0, INT32_MAX, &options->jumpAt, message) ||
+        !ReadInt(parser, "oversized-at", 0, INT32_MAX, &options->oversizedAt, message) ||
+        !ReadInt(parser, "oversized-bytes", 0, kMaxDeclaredBytes, &options->oversizedBytes,
+                 message) ||
+        !ReadInt(parser, "truncate-at", 0, INT32_MAX, &options->truncateAt, message) ||
+        !ReadInt(parser, "truncate-lie-at", 0, INT32_MAX, &options->truncateLieAt, message) ||
+        !ReadResize(parser, options, message)) {
         return Outcome::Error;
     }
     options->firstFrame = static_cast<qint32>(firstFrame);

@@ -17,8 +17,19 @@ struct KyrOptions
     QString recordFile; // empty: records go to standard output
 
     qint32 firstFrame = 0;
+    bool filler = false; // filler bitstream instead of H.264
     int frameBytes = 64;
     int audioBytes = 0;
+
+    // Frame faults. N counts the frames answered on a connection from 0.
+    int resizeAt = -1;
+    int resizeWidth = 0;
+    int resizeHeight = 0;
+    int jumpAt = -1;
+    int oversizedAt = -1;
+    int oversizedBytes = 1048600;
+    int truncateAt = -1;
+    int truncateLieAt = -1;
 
     int stallAfter = -1;
     int closeAfter = -1;

@@ -4,20 +4,9 @@
 
 namespace kyrsim {
 
-namespace {
-
-// An H.264 access unit delimiter, repeated as filler bitstream.
-const char kFiller[] = {0x00, 0x00, 0x00, 0x01, 0x09, 0x10};
-
-} // namespace
-
-KyrResponder::KyrResponder(qint32 firstFrame, int frameBytes, int audioBytes)
-    : m_nextFrame(firstFrame), m_audioBytes(audioBytes)
+KyrResponder::KyrResponder(const KyrOptions& options)
+    : m_frames(options), m_audioBytes(options.audioBytes)
 {
-    m_bitstream.reserve(frameBytes);
-    for (int i = 0; i < frameBytes; ++i) {
-        m_bitstream.append(kFiller[i % sizeof(kFiller)]);
-    }
 }
 
 QByteArray KyrResponder::Header(quint32 service, quint32 command, quint32 size)
@@ -33,11 +22,14 @@ QByteArray KyrResponder::Respond(quint32 service, quint32 command, const QByteAr
 {
     QByteArray body;
     if (service == kServiceVideo && command == kStartVideo && payload.size() >= 8) {
+        qint32 width = 0;
+        qint32 height = 0;
         QDataStream stream(payload);
         stream.setByteOrder(QDataStream::LittleEndian);
-        stream >> m_width >> m_height;
+        stream >> width >> height;
+        m_frames.Start(width, height);
     } else if (service == kServiceVideo && command == kRequestFrame) {
-        body = FramePayload();
+        body = m_frames.NextPayload();
     } else if (service == kServiceAudio && command == kRequestAudio) {
         body = QByteArray(m_audioBytes, '\0');
     } else if (service == kServiceAudio && command == kTimeOffsetPing) {
@@ -45,19 +37,6 @@ QByteArray KyrResponder::Respond(quint32 service, quint32 command, const QByteAr
     }
     // Every other command, known or not, gets an empty response.
     return Header(service, command, static_cast<quint32>(12 + body.size())) + body;
-}
-
-QByteArray KyrResponder::FramePayload()
-{
-    QByteArray body;
-    QDataStream stream(&body, QIODevice::WriteOnly);
-    stream.setByteOrder(QDataStream::LittleEndian);
-    stream << m_nextFrame << static_cast<qint32>(m_bitstream.size());
-    stream.writeRawData(m_bitstream.constData(), m_bitstream.size());
-    stream << m_width << m_height;
-    // Wraps like the 32-bit counter it models instead of overflowing.
-    m_nextFrame = static_cast<qint32>(static_cast<quint32>(m_nextFrame) + 1u);
-    return body;
 }
 
 } // namespace kyrsim

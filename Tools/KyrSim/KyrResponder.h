@@ -1,12 +1,16 @@
 #pragma once
 
+#include "FrameProducer.h"
+#include "KyrOptions.h"
+
 #include <QByteArray>
 #include <QtGlobal>
 
 namespace kyrsim {
 
 // The well-behaved Kyr: builds the response to one request and keeps the
-// video state that later responses depend on (picture size, frame number).
+// video state that later responses depend on (picture size, frame number,
+// encoder); the frame faults live in FrameProducer.
 //
 // A request is little-endian: service, command, payload count (header not
 // counted), payload. A response header is big-endian: service, command,
@@ -22,7 +26,7 @@ public:
     static constexpr quint32 kRequestAudio = 0x62EB;
     static constexpr quint32 kTimeOffsetPing = 0xD43E;
 
-    KyrResponder(qint32 firstFrame, int frameBytes, int audioBytes);
+    explicit KyrResponder(const KyrOptions& options);
 
     // payload: the request's bytes after its 12-byte header.
     QByteArray Respond(quint32 service, quint32 command, const QByteArray& payload);
@@ -30,12 +34,7 @@ public:
     static QByteArray Header(quint32 service, quint32 command, quint32 size);
 
 private:
-    QByteArray FramePayload();
-
-    qint32 m_nextFrame;
-    qint32 m_width = 1280;
-    qint32 m_height = 720;
-    QByteArray m_bitstream;
+    FrameProducer m_frames;
     int m_audioBytes;
 };
 

@@ -28,8 +28,7 @@ quint32 LittleEndianWord(const QByteArray& bytes, int offset)
 KyrSession::KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder,
                        QObject* parent)
     : QObject(parent), m_socket(socket), m_options(options), m_recorder(recorder),
-      m_responder(options.firstFrame, options.frameBytes, options.audioBytes),
-      m_writer(new ResponseWriter(socket, options.split, options.merge, this))
+      m_responder(options), m_writer(new ResponseWriter(socket, options.split, options.merge, this))
 {
     m_socket->setParent(this);
     connect(m_socket, &QSslSocket::readyRead, this, &KyrSession::OnReadyRead);

@@ -6,6 +6,7 @@
 #include "KyrSession.h"
 #include "Recorder.h"
 #include "TlsServer.h"
+#include "Tools/Common/H264Encoder.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -77,6 +78,12 @@ int main(int argc, char* argv[])
     if (options.refuse) {
         PrintOut(QStringLiteral("refusing"));
         return 0;
+    }
+
+    if (!options.filler && !simcommon::H264Encoder::IsAvailable(&message)) {
+        PrintErr(message +
+                 QStringLiteral(" (Debian's libavcodec59 has it; --filler does without)"));
+        return 1;
     }
 
     QSslCertificate certificate;

@@ -1,0 +1,211 @@
+// Decoding real H.264, made at test time, on the software path.
+
+#include "Common/VideoDecode/Src/VideoDecoder.h"
+#include "Tests/Support/CapturingLogStore.h"
+#include "Tests/VideoDecode/VideoDecoderTestStream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace quorvan;
+using namespace velorane::test;
+using Access = quorvan::VideoDecoderTestAccess;
+
+namespace {
+
+constexpr int kPictures = 30;
+constexpr int kLumaTolerance = 10;
+constexpr int kChromaTolerance = 6;
+constexpr auto kPictureWait = std::chrono::seconds(20);
+
+class VideoDecoderDecodeTest : public testing::TestWithParam<std::pair<int, int>>
+{
+protected:
+    void SetUp() override
+    {
+        if (H264EncoderName().empty()) {
+            GTEST_SKIP() << "libavcodec has no H.264 encoder";
+        }
+    }
+};
+
+void ExpectPatternPicture(const PictureRecorder::Picture& picture, int width, int height, int index)
+{
+    EXPECT_EQ(picture.width, static_cast<uint32_t>(width));
+    EXPECT_EQ(picture.height, static_cast<uint32_t>(height));
+    EXPECT_GE(picture.stride[0], width);
+    EXPECT_GE(picture.stride[1], width / 2);
+    EXPECT_GE(picture.stride[2], width / 2);
+    EXPECT_TRUE(picture.hasY);
+    EXPECT_TRUE(picture.hasU);
+    EXPECT_TRUE(picture.hasV);
+    for (int which = 0; which < 3; ++which) {
+        int x = 0;
+        int y = 0;
+        PictureRecorder::SamplePoint(which, width, height, &x, &y);
+        EXPECT_NEAR(picture.luma[which], PatternLuma(x, y, index, width, height), kLumaTolerance)
+            << "picture " << index << " sample " << which;
+    }
+    EXPECT_NEAR(picture.u, kPatternU, kChromaTolerance);
+    EXPECT_NEAR(picture.v, kPatternV, kChromaTolerance);
+}
+
+} // namespace
+
+TEST_P(VideoDecoderDecodeTest, DecodesEveryPictureWithThreePlanesAndThePattern)
+{
+    const auto [width, height] = GetParam();
+    const H264Stream stream = EncodeTestPattern(width, height, kPictures);
+    ASSERT_EQ(stream.accessUnits.size(), static_cast<size_t>(kPictures));
+
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<IVideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    decoder->Start();
+    ASSERT_TRUE(DeliverPaced(*decoder, recorder, stream));
+    // The parser holds the last unit back until the next one begins.
+    ASSERT_TRUE(recorder.WaitForCount(kPictures - 1, kPictureWait));
+    decoder->Stop();
+
+    const auto pictures = recorder.Pictures();
+    ASSERT_EQ(pictures.size(), static_cast<size_t>(kPictures - 1));
+    for (int index = 0; index < kPictures - 1; ++index) {
+        ExpectPatternPicture(pictures[index], width, height, index);
+    }
+    EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
+    EXPECT_EQ(capture->Count("VideoDecoder: frame queue is full, no frame available!"), 0u);
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, VideoDecoderDecodeTest,
+                         testing::Values(std::make_pair(320, 240), std::make_pair(640, 480)),
+                         [](const testing::TestParamInfo<std::pair<int, int>>& info) {
+                             return std::to_string(info.param.first) + "x" +
+                                    std::to_string(info.param.second);
+                         });
+
+TEST(VideoDecoderStepTest, FrameOfSizeZeroIsReleasedAtOnceWithoutTheParser)
+{
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    PictureRecorder recorder;
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    // The parser writes the packet's pointer and size on every call.
+    AVPacket* packet = Access::Packet(*decoder);
+    uint8_t marker = 0;
+    packet->data = &marker;
+    packet->size = 4321;
+
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame({}, 1)));
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    EXPECT_EQ(packet->data, &marker);
+    EXPECT_EQ(packet->size, 4321);
+
+    // The frame went back to the free list: three tokens again.
+    FrameQueue& queue = Access::Queue(*decoder);
+    std::unique_ptr<VideoFrame> tokens[4];
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(queue.RequestFrame(tokens[i]), FrameQueueOk);
+    }
+    EXPECT_EQ(queue.RequestFrame(tokens[3]), NoFreeFrame);
+    std::unique_ptr<VideoFrame> none;
+    EXPECT_EQ(queue.PopFrame(none), FrameQueueEmpty);
+    for (int i = 0; i < 3; ++i) {
+        queue.ReleaseFrame(std::move(tokens[i]));
+    }
+    packet->data = nullptr;
+    packet->size = 0;
+}
+
+TEST(VideoDecoderStepTest, ParserWithoutPacketLeavesTheResultFalse)
+{
+    const H264Stream stream = EncodeTestPattern(320, 240, 3);
+    ASSERT_EQ(stream.accessUnits.size(), 3u);
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    PictureRecorder recorder;
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+
+    // The first unit stays inside the parser: no packet, nothing decoded.
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(stream.accessUnits[0], 0)));
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+
+    // The second pushes the first out, which decodes.
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(stream.accessUnits[1], 1)));
+    EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+    EXPECT_TRUE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 1u);
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+
+    // An empty queue: nothing parsed.
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+}
+
+TEST(VideoDecoderStepTest, LoopSleepsOnlyWhenNeitherStepDidAnything)
+{
+    // A frame holding two units makes two packets at once; the second
+    // picture then waits inside the decoder, and the pass after the first
+    // picture parses nothing but receives it. Were the loop to sleep there,
+    // the second picture would come a second late.
+    const H264Stream stream = EncodeTestPattern(320, 240, 3);
+    ASSERT_EQ(stream.accessUnits.size(), 3u);
+    std::vector<uint8_t> twoUnits = stream.accessUnits[1];
+    twoUnits.insert(twoUnits.end(), stream.accessUnits[2].begin(), stream.accessUnits[2].end());
+
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<IVideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    decoder->Start();
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(stream.accessUnits[0], 0)));
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(twoUnits, 1)));
+    ASSERT_TRUE(recorder.WaitForCount(1, kPictureWait));
+    const auto first = std::chrono::steady_clock::now();
+    ASSERT_TRUE(recorder.WaitForCount(2, std::chrono::seconds(3)));
+    EXPECT_LT(std::chrono::steady_clock::now() - first, std::chrono::milliseconds(700));
+    decoder->Stop();
+    // The decoder was still holding a packet when the parser offered more.
+    EXPECT_GE(capture->Count("VideoDecoder: breaking to receive frames!"), 1u);
+}
+
+TEST(VideoDecoderStepTest, SoftwareDecodeErrorLosesThePacketAndGoesOn)
+{
+    const H264Stream stream = EncodeTestPattern(320, 240, 12);
+    ASSERT_EQ(stream.accessUnits.size(), 12u);
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    auto step = [&](size_t unit) {
+        ASSERT_TRUE(
+            decoder->DeliverFrame(MakeFrame(stream.accessUnits[unit], static_cast<int>(unit))));
+        Access::ParseDecodePackets(*decoder);
+        Access::ReceiveDeliverFrames(*decoder);
+    };
+    // Two predicted units before any parameter set: the decoder refuses the
+    // first when the second pushes it out of the parser, and the second
+    // when the key unit does.
+    step(3);
+    step(4);
+    step(0);
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 2u);
+    EXPECT_EQ(recorder.Count(), 0u);
+    for (size_t unit = 1; unit < stream.accessUnits.size(); ++unit) {
+        step(unit);
+    }
+    EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
+    EXPECT_EQ(capture->Count("VideoDecoder: reverting to software decoder!"), 0u);
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 2u);
+    // The refused packets are lost and nothing else: units 0 to 10 decode.
+    const auto pictures = recorder.Pictures();
+    ASSERT_EQ(pictures.size(), 11u);
+    for (int index = 0; index < 11; ++index) {
+        ExpectPatternPicture(pictures[index], 320, 240, index);
+    }
+}

@@ -1,0 +1,209 @@
+#!/usr/bin/env bash
+# Shows the relay at work on one machine: kyr-sim plays the Kyr and serves a
+# live H.264 test picture, client-sim plays the client application, starts
+# the relay and asks it to pull frames, and the relay shows them in its
+# window. With a DISPLAY the window stays up for 30 s; without one the demo
+# runs for about 6 s on a private Xvfb and saves a screenshot.
+set -euo pipefail
+
+usage() {
+    cat <<'EOF'
+usage: scripts/demo.sh [--seconds N] [--build-dir DIR]
+
+Installs the packages, builds the tree, then runs kyr-sim, client-sim and
+the relay together: the relay pulls a moving test picture from kyr-sim and
+shows it in its window.
+
+  --seconds N      how long the relay runs (default 30 with a DISPLAY,
+                   6 without one)
+  --build-dir DIR  build tree to use (default build)
+
+Without DISPLAY a private Xvfb is started and a screenshot of its whole
+screen is saved to DIR/demo.png while the relay runs. The programs' output
+goes to DIR/demo-logs/.
+EOF
+}
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+
+seconds=""
+build="build"
+while [[ $# -gt 0 ]]; do
+    case "$1" in
+    --seconds)
+        [[ $# -ge 2 && "$2" =~ ^[0-9]+$ && "$2" -ge 1 && "$2" -le 3600 ]] || {
+            echo "demo: --seconds needs a number from 1 to 3600" >&2
+            exit 2
+        }
+        seconds="$2"
+        shift 2
+        ;;
+    --build-dir)
+        [[ $# -ge 2 && -n "$2" ]] || {
+            echo "demo: --build-dir needs a folder" >&2
+            exit 2
+        }
+        build="$2"
+        shift 2
+        ;;
+    -h | --help)
+        usage
+        exit 0
+        ;;
+    *)
+        echo "demo: unknown argument '$1' (see --help)" >&2
+        exit 2
+        ;;
+    esac
+done
+
+password="demo"
+tmp=""
+kyr_pid=""
+client_pid=""
+relay_pids=""
+sleep_pid=""
+
+# A pause that a trapped signal interrupts at once (a foreground sleep would
+# hold the trap back until it ends).
+pause_for() {
+    sleep "$1" &
+    sleep_pid=$!
+    wait "$sleep_pid"
+    sleep_pid=""
+}
+
+# Stops what the demo started, by process id, children before parents.
+cleanup() {
+    local status=$?
+    set +e
+    [[ -n "$sleep_pid" ]] && kill "$sleep_pid" 2>/dev/null
+    if [[ -n "$client_pid" ]]; then
+        relay_pids="$relay_pids $(ps -o pid= --ppid "$client_pid" 2>/dev/null)"
+        kill "$client_pid" 2>/dev/null
+    fi
+    for pid in $relay_pids; do
+        kill "$pid" 2>/dev/null
+    done
+    [[ -n "$kyr_pid" ]] && kill "$kyr_pid" 2>/dev/null
+    for pid in $sleep_pid $client_pid $kyr_pid; do
+        wait "$pid" 2>/dev/null
+    done
+    for pid in $relay_pids; do
+        # The relay is client-sim's child, not ours: poll, then insist.
+        for _ in $(seq 50); do
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        if kill -0 "$pid" 2>/dev/null; then
+            kill -9 "$pid" 2>/dev/null
+        fi
+    done
+    if declare -F velorane_stop_xvfb >/dev/null; then
+        velorane_stop_xvfb
+    fi
+    [[ -n "$tmp" ]] && rm -rf "$tmp"
+    exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+echo "demo: installing packages"
+scripts/install-deps.sh
+echo "demo: building $build"
+cmake -S . -B "$build" -G Ninja
+cmake --build "$build"
+
+bin="$build/bin"
+for program in kyr-sim client-sim velorane-relay screen-grab; do
+    [[ -x "$bin/$program" ]] || {
+        echo "demo: $bin/$program was not built" >&2
+        exit 1
+    }
+done
+
+tmp="$(mktemp -d "${TMPDIR:-/tmp}/velorane-demo.XXXXXX")"
+scripts/make-test-cert.sh "$tmp/cert"
+logs="$build/demo-logs"
+mkdir -p "$logs"
+if [[ -z "${XDG_RUNTIME_DIR:-}" ]]; then
+    # Qt wants one; a private one keeps its warning out of the output.
+    mkdir -m 700 "$tmp/xdg"
+    export XDG_RUNTIME_DIR="$tmp/xdg"
+fi
+
+headless=0
+if [[ -z "${DISPLAY:-}" ]]; then
+    headless=1
+    # shellcheck source=lib/xvfb.sh
+    source scripts/lib/xvfb.sh
+    velorane_start_xvfb
+    # velorane_start_xvfb sets its own exit trap; cleanup stops Xvfb too.
+    trap cleanup EXIT
+    seconds="${seconds:-6}"
+else
+    seconds="${seconds:-30}"
+fi
+
+# kyr-sim listens on the base port plus 3; the relay also takes UDP ports
+# base + 7 and + 8. Try random bases until kyr-sim can listen.
+base=""
+for _ in $(seq 20); do
+    candidate=$((20000 + RANDOM % 40000))
+    : >"$logs/kyr-sim.out"
+    "$bin/kyr-sim" --base-port "$candidate" --password "$password" \
+        --cert "$tmp/cert/kyr-sim.crt" --key "$tmp/cert/kyr-sim.key" \
+        --record "$logs/kyr-sim.record" --time-limit $((seconds + 60)) \
+        >"$logs/kyr-sim.out" 2>"$logs/kyr-sim.err" &
+    kyr_pid=$!
+    for _ in $(seq 100); do
+        grep -q "listening on" "$logs/kyr-sim.out" && break
+        kill -0 "$kyr_pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if grep -q "listening on" "$logs/kyr-sim.out"; then
+        base="$candidate"
+        break
+    fi
+    kill "$kyr_pid" 2>/dev/null || true
+    wait "$kyr_pid" 2>/dev/null || true
+    kyr_pid=""
+done
+[[ -n "$base" ]] || {
+    echo "demo: kyr-sim found no free port (see $logs/kyr-sim.err)" >&2
+    exit 1
+}
+echo "demo: kyr-sim serves the test picture on 127.0.0.1:$((base + 3))"
+
+# A private TMPDIR holds this run's VELORANE_RELAY socket.
+mkdir -p "$tmp/run"
+echo "demo: the relay runs for $seconds s on display $DISPLAY"
+TMPDIR="$tmp/run" "$bin/client-sim" --record "$logs/client-sim.record" \
+    --time-limit $((seconds + 20)) \
+    --send start-scrape --send "wait:$((seconds * 1000))" --send kill -- \
+    "$bin/velorane-relay" -t -m --kyrIp 127.0.0.1 --relayPort "$base" \
+    --relayPassword "$password" --name "Velorane demo" \
+    >"$logs/client-sim.out" 2>"$logs/client-sim.err" &
+client_pid=$!
+
+if [[ "$headless" -eq 1 ]]; then
+    # Leave the relay time to connect and paint, then grab the screen while
+    # it still runs.
+    grab_after=$((seconds > 2 ? seconds - 1 : 1))
+    pause_for "$grab_after"
+    if kill -0 "$client_pid" 2>/dev/null; then
+        "$bin/screen-grab" "$build/demo.png" >/dev/null
+        echo "demo: screenshot saved to $build/demo.png"
+    else
+        echo "demo: the relay ended before the screenshot (see $logs/)" >&2
+    fi
+fi
+
+status=0
+wait "$client_pid" || status=$?
+client_pid=""
+relay_pids=""
+echo "demo: relay exited with code $status (output in $logs/)"
+exit "$status"
