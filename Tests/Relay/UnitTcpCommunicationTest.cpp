@@ -20,7 +20,6 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QSslCertificate>
-#include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslSocket>
 #include <QTcpServer>
@@ -98,12 +97,6 @@ protected:
         socket->setLocalCertificate(m_certificate);
         socket->setPrivateKey(m_key);
         socket->setPeerVerifyMode(QSslSocket::VerifyNone);
-        if (qEnvironmentVariableIsSet("EXP_TLS12")) {
-            QSslConfiguration c = socket->sslConfiguration();
-            c.setProtocol(QSsl::TlsV1_2);
-            c.setSslOption(QSsl::SslOptionDisableSessionTickets, true);
-            socket->setSslConfiguration(c);
-        }
         QObject::connect(socket, &QSslSocket::readyRead, this,
                          [this, socket] { m_received.append(socket->readAll()); });
         QObject::connect(socket, &QSslSocket::disconnected, this,
@@ -214,8 +207,9 @@ protected:
             }
             ++m_failures;
         });
-        QObject::connect(m_transport, &TcpCommunication::ShowErrorMessage, &m_record,
-                         [this](QString message) { m_errorMessages.push_back(message); });
+        QObject::connect(
+            m_transport, &TcpCommunication::ShowErrorMessage, &m_record,
+            [this](QString message) { m_errorMessages.push_back(message.toStdString()); });
         m_thread->start();
     }
 
@@ -261,6 +255,15 @@ protected:
         return result;
     }
 
+    bool InitializeOnThread()
+    {
+        bool result = false;
+        QMetaObject::invokeMethod(
+            m_transport, [this] { return m_transport->Initialize(); }, Qt::BlockingQueuedConnection,
+            &result);
+        return result;
+    }
+
     bool TerminateOnThread()
     {
         bool result = false;
@@ -290,7 +293,7 @@ protected:
     QObject m_record;
     std::shared_ptr<std::atomic<int>> m_readyReads = std::make_shared<std::atomic<int>>(0);
     std::vector<Dispatched> m_dispatched;
-    std::vector<QString> m_errorMessages;
+    std::vector<std::string> m_errorMessages;
     int m_connectCompletes = 0;
     int m_disconnectCompletes = 0;
     int m_failures = 0;
@@ -345,6 +348,22 @@ TEST_F(UnitTcpCommunicationTest, EmptyPasswordSendsAZeroLengthFrame)
     EXPECT_EQ(m_failures, 0);
 }
 
+// The client's connect order reaches Initialize with TCP too, on the live
+// socket: the password goes out again and the link reports complete again.
+TEST_F(UnitTcpCommunicationTest, InitializeAgainOnALiveLinkResendsThePassword)
+{
+    StartConnected();
+
+    EXPECT_TRUE(InitializeOnThread());
+
+    EXPECT_TRUE(WaitUntil([this] { return m_connectCompletes == 2; }, 3s));
+    EXPECT_TRUE(WaitUntil([this] { return m_server->Received().size() >= 20; }, 3s));
+    EXPECT_EQ(m_server->Connections(), 1);
+    EXPECT_EQ(m_server->Received(), kPasswordFrame + kPasswordFrame);
+    EXPECT_EQ(m_errorMessages, std::vector<std::string>());
+    EXPECT_EQ(m_failures, 0);
+}
+
 TEST_F(UnitTcpCommunicationTest, UnparsableAddressFailsWithoutConnecting)
 {
     StartServer();
@@ -381,7 +400,7 @@ TEST_F(UnitTcpCommunicationTest, NobodyListeningFails)
     EXPECT_EQ(m_failures, 2);
     EXPECT_EQ(m_connectCompletes, 0);
     EXPECT_EQ(m_errorMessages,
-              (std::vector<QString>{
+              (std::vector<std::string>{
                   "Please restart Velorane and try agin.",
                   "Encrypted connection failed.  Please restart Velorane and try again.",
                   "Connection error.  Please restart Velorane and try again.",
@@ -521,6 +540,25 @@ TEST_F(UnitTcpCommunicationTest, NoAnswerWithinFiveSecondsTimesOut)
     EXPECT_TRUE(m_errorMessages.empty());
 }
 
+TEST_F(UnitTcpCommunicationTest, EachSendRestartsTheRequestTimer)
+{
+    StartConnected();
+    ASSERT_TRUE(Send(RelayCommandData(RelayServiceVideo, RelayCommandRequestFrame)));
+    QElapsedTimer sinceFirstSend;
+    sinceFirstSend.start();
+    PumpEventsFor(3000ms);
+    ASSERT_EQ(m_failures, 0);
+
+    ASSERT_TRUE(Send(RelayCommandData(RelayServiceVideo, RelayCommandRequestFrame)));
+
+    ASSERT_TRUE(WaitUntil([this] { return m_failures >= 1; }, 15s));
+    // Measured from the second send, not the first.
+    EXPECT_GE(m_firstFailureMs, 4500);
+    EXPECT_LE(m_firstFailureMs, 9000);
+    EXPECT_GE(sinceFirstSend.elapsed(), 7500);
+    EXPECT_EQ(m_capture->Count("Socket request timed out."), 1u);
+}
+
 TEST_F(UnitTcpCommunicationTest, OneByteReceivedStopsTheRequestTimer)
 {
     StartConnected();
@@ -558,8 +596,8 @@ TEST_F(UnitTcpCommunicationTest, ServerClosingIsSocketErrorOne)
     }
     EXPECT_EQ(m_failures, errorLines);
     EXPECT_EQ(m_errorMessages,
-              std::vector<QString>(static_cast<size_t>(errorLines),
-                                   "Conference session already in progress or unknown error"));
+              std::vector<std::string>(static_cast<size_t>(errorLines),
+                                       "Conference session already in progress or unknown error"));
 }
 
 // Ending

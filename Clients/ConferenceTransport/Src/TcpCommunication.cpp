@@ -66,9 +66,13 @@ bool TcpCommunication::Initialize()
     if (m_hostAddress.isNull() || !m_socket) {
         return false;
     }
+    // A ConnectUsb from the client repeats this on a live link: the call is
+    // made again and the password goes out again. Qt's wait answers false
+    // on a link that is encrypted already, so it is only asked on a new one.
+    const bool alreadyEncrypted = m_socket->isEncrypted();
     m_socket->connectToHostEncrypted(m_hostAddress.toString(), m_port, QIODevice::ReadWrite,
                                      QAbstractSocket::AnyIPProtocol);
-    if (!m_socket->waitForEncrypted(m_timeoutMs)) {
+    if (!alreadyEncrypted && !m_socket->waitForEncrypted(m_timeoutMs)) {
         Q_EMIT ShowErrorMessage(
             "Encrypted connection failed.  Please restart Velorane and try again.");
         return false;
