@@ -26,13 +26,22 @@ EndToEndScene::EndToEndScene()
 
 std::map<std::string, std::string> EndToEndScene::Environment() const
 {
-    return {
+    std::map<std::string, std::string> environment{
         {"TMPDIR", m_dir.File("tmp")},
         {"HOME", m_dir.File("home")},
         {"XDG_DATA_HOME", m_dir.File("data")},
         // The window needs no screen for these runs.
         {"QT_QPA_PLATFORM", "offscreen"},
     };
+    // In the sanitizer tree the relay's window loads Mesa's GL driver, which
+    // is unloaded at exit: what it keeps shows as leaks from an unknown
+    // module that can't be suppressed by name. The relay's own classes are
+    // checked for leaks in-process by the unit tests; here a leak report
+    // would only turn the exit code the tests assert into the sanitizer's.
+    if (const char* asan = std::getenv("ASAN_OPTIONS")) {
+        environment["ASAN_OPTIONS"] = std::string(asan) + ":detect_leaks=0";
+    }
+    return environment;
 }
 
 int EndToEndScene::FreeBasePort()
