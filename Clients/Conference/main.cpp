@@ -55,10 +55,6 @@ CRefCountPtr<FileStore> StartLogging()
     logger->SetLevel(0);
     LoggerCreateQtDebuggerLoggerStore();
 
-    VLOG(EGroupValueInformation, "---------------START---------------");
-    VLOG(EGroupValueInformation, "Velorane Conference Version - %s Build# %s (built %s at %s)",
-         VELORANE_VERSION_TEXT, VELORANE_BUILD_NUMBER, VELORANE_BUILD_DATE, VELORANE_BUILD_TIME);
-
     // The logger keeps its own references to the stores.
     CRefCountPtr<FileStore> writer(dynamic_cast<FileStore*>(fileStore.Get()));
     if (writer) {
@@ -85,6 +81,9 @@ int main(int argc, char** argv)
     config.CompleteTunnelConfig();
 
     CRefCountPtr<FileStore> fileStore = StartLogging();
+    VLOG(EGroupValueInformation, "---------------START---------------");
+    VLOG(EGroupValueInformation, "Velorane Conference Version - %s Build# %s (built %s at %s)",
+         VELORANE_VERSION_TEXT, VELORANE_BUILD_NUMBER, VELORANE_BUILD_DATE, VELORANE_BUILD_TIME);
 
     // Printed and dropped: the configuration line holds nothing the log
     // needs, and the password never reaches it.

@@ -87,7 +87,9 @@ void ExpectStartAndEnd(const std::string& log)
     ASSERT_GE(lines.size(), 3u) << log;
     EXPECT_EQ(lines.front().group, kInformation);
     EXPECT_EQ(lines.front().message, "---------------START---------------");
-    EXPECT_EQ(lines.front().function, "StartLogging");
+    EXPECT_EQ(lines.front().function, "main");
+    EXPECT_EQ(lines[1].function, "main");
+    EXPECT_EQ(lines.back().function, "main");
     EXPECT_EQ(lines[1].message.rfind("Velorane Conference Version - ", 0), 0u) << lines[1].message;
     EXPECT_EQ(lines.back().message, "----------------END----------------");
     EXPECT_EQ(lines.back().group, kInformation);
