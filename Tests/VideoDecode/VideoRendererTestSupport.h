@@ -6,6 +6,8 @@
 // shaders make of them. All of it is used on the test's main thread, except
 // the pictures, which a writer thread may read.
 
+#include "Tests/Support/QtEventPump.h"
+
 #include <QApplication>
 #include <QColor>
 #include <QCoreApplication>
@@ -51,35 +53,6 @@ inline QApplication* RendererApplication()
         return new QApplication(argc, argv);
     }();
     return application;
-}
-
-// Pumps the main thread's events until done() holds or the time is up;
-// returns done() at the end.
-inline bool WaitUntil(const std::function<bool()>& done,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10))
-{
-    QDeadlineTimer deadline(static_cast<qint64>(timeout.count()));
-    // Wakes the blocking pump at least every few milliseconds.
-    QTimer tick;
-    tick.start(5);
-    while (!done()) {
-        if (deadline.hasExpired()) {
-            return done();
-        }
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
-
-// Pumps the main thread's events for the whole of the given time.
-inline void PumpEventsFor(std::chrono::milliseconds duration)
-{
-    QDeadlineTimer deadline(static_cast<qint64>(duration.count()));
-    QTimer tick;
-    tick.start(5);
-    while (!deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
-    }
 }
 
 // Records every Qt message while it exists; any thread may print.

@@ -1,13 +1,15 @@
 #pragma once
 
 #include "ClientOptions.h"
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 
 #include <QLocalServer>
 #include <QObject>
 #include <QPointer>
 
 namespace clientsim {
+
+using simcommon::Recorder;
 
 class LinkConnection;
 class RelayLauncher;

@@ -2,7 +2,7 @@
 
 #include "Console.h"
 #include "LinkMessage.h"
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 
 #include <QDataStream>
 

@@ -4,9 +4,13 @@
 #include <QLocalSocket>
 #include <QObject>
 
+namespace simcommon {
+class Recorder;
+}
+
 namespace clientsim {
 
-class Recorder;
+using simcommon::Recorder;
 
 // One relay connection on the local socket: frames what the relay sends by
 // its size field and records each message. Owns the socket and deletes

@@ -5,13 +5,14 @@
 #include "ClientCommandLine.h"
 #include "ClientSimApp.h"
 #include "Console.h"
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 
 #include <QCoreApplication>
 
 #include <cstdio>
 
 using namespace clientsim;
+using simcommon::Recorder;
 
 int main(int argc, char* argv[])
 {

@@ -1,7 +1,7 @@
 #include "KyrSession.h"
 
 #include "Console.h"
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 #include "ResponseWriter.h"
 
 #include <QDataStream>

@@ -7,9 +7,13 @@
 #include <QObject>
 #include <QSslSocket>
 
+namespace simcommon {
+class Recorder;
+}
+
 namespace kyrsim {
 
-class Recorder;
+using simcommon::Recorder;
 class ResponseWriter;
 
 // One relay connection: checks the password frame, records and answers

@@ -4,7 +4,7 @@
 #include "Console.h"
 #include "KyrCommandLine.h"
 #include "KyrSession.h"
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 #include "TlsServer.h"
 #include "Tools/Common/H264Encoder.h"
 
@@ -16,6 +16,7 @@
 #include <cstdio>
 
 using namespace kyrsim;
+using simcommon::Recorder;
 
 namespace {
 

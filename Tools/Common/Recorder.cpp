@@ -1,8 +1,8 @@
-#include "Recorder.h"
+#include "Tools/Common/Recorder.h"
 
 #include <cstdio>
 
-namespace clientsim {
+namespace simcommon {
 
 bool Recorder::Open(const QString& path, QString* error)
 {
@@ -29,4 +29,4 @@ void Recorder::Line(const QString& text)
     std::fflush(stdout);
 }
 
-} // namespace clientsim
+} // namespace simcommon

@@ -3,7 +3,7 @@
 #include <QFile>
 #include <QString>
 
-namespace clientsim {
+namespace simcommon {
 
 // Appends one record per line to a file, or writes it to standard output,
 // and flushes each line so that a test can read the file at any moment.
@@ -18,4 +18,4 @@ private:
     QFile m_file;
 };
 
-} // namespace clientsim
+} // namespace simcommon
