@@ -34,7 +34,7 @@ velorane_require_module(LIBUSB libusb-1.0 libusb-1.0-0-dev)
 velorane_require_module(OPUS opus libopus-dev)
 
 if(VELORANE_QT)
-    velorane_require_package(Qt5 qtbase5-dev COMPONENTS Core Network Widgets Gui)
+    velorane_require_package(Qt5 qtbase5-dev COMPONENTS Core Network Widgets Gui Test)
     velorane_require_package(CLI11 libcli11-dev CONFIG)
 endif()
 

@@ -1,14 +1,17 @@
 #include "Clients/Conference/RelayWindow.h"
 
+#include "Clients/Conference/ConferenceMonitor.h"
 #include "Common/Logger/Src/Logger.h"
 #include "Common/VideoDecode/Src/VideoFrame.h"
 #include "Common/VideoDecode/Src/VideoRenderer.h"
 
 #include <QDataStream>
 #include <QEvent>
+#include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMoveEvent>
 #include <QResizeEvent>
+#include <QScreen>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -23,7 +26,7 @@ namespace {
 constexpr int kMinimumFramePayload = 9;
 // Frame number and length come before the bitstream.
 constexpr int kFramePayloadHeader = 8;
-}
+} // namespace
 
 int32_t& RelayWindow::PreviousFrameNumber()
 {
@@ -33,6 +36,7 @@ int32_t& RelayWindow::PreviousFrameNumber()
 
 RelayWindow::RelayWindow(const RelayConfig& config)
     : QWidget(nullptr), m_config(config), m_layout(new QVBoxLayout(this)),
+      m_conferenceMonitor(new ConferenceMonitor(config.windowWidth, config.windowHeight, this)),
       m_frameTimer(new QTimer(this)), m_calibrateTimer(new QTimer(this)),
       m_videoRenderer(new VideoRenderer(static_cast<unsigned>(config.windowWidth),
                                         static_cast<unsigned>(config.windowHeight), this))
@@ -46,24 +50,42 @@ RelayWindow::RelayWindow(const RelayConfig& config)
     setWindowTitle(QString::fromUtf8(m_config.windowName.c_str()));
     setFixedSize(m_config.windowWidth, m_config.windowHeight);
 
+    connect(m_conferenceMonitor, &ConferenceMonitor::SignalUpdateRelayWindow, this,
+            &RelayWindow::SetDimensions);
+
     m_frameTimer->setTimerType(Qt::PreciseTimer);
     m_frameTimer->setInterval(kFrameIntervalMs);
     connect(m_frameTimer, &QTimer::timeout, this, &RelayWindow::RequestNewFrame);
 
-    // Nothing starts the calibrate timer; it is kept for the virtual
-    // monitor's calibration request and stopped by Terminate.
+    // Nothing starts the calibrate timer: the window's place comes from the
+    // display watch. The poll stays ready and Terminate stops it.
     m_calibrateTimer->setInterval(kCalibrateIntervalMs);
+    connect(
+        m_calibrateTimer, &QTimer::timeout, m_conferenceMonitor,
+        [this]() { m_conferenceMonitor->SendRequestCalibrate(); }, Qt::DirectConnection);
 }
 
 // The decoder member goes before the renderer, a child widget: no picture
 // can arrive once the renderer is being destroyed.
-RelayWindow::~RelayWindow() { m_closing = true; }
+RelayWindow::~RelayWindow()
+{
+    m_closing = true;
+    if (m_monitorLocked) {
+        LockVirtualMonitor(false);
+    }
+}
 
 RESULT RelayWindow::Initialize()
 {
     if (m_config.useMonitor) {
-        // The virtual monitor joins here: ConferenceMonitor::Initialize (or
-        // InitializeStandalone) with winId(), then the DisplayManager.
+        // The results aren't looked at: the window goes on without a
+        // virtual monitor and simply finds none later.
+        const auto windowId = static_cast<unsigned long long>(winId());
+        if (m_config.standalone) {
+            m_conferenceMonitor->InitializeStandalone(windowId);
+        } else {
+            m_conferenceMonitor->Initialize(windowId);
+        }
     } else {
         VLOG(EGroupValueWarning, "Skipping creation of virtual monitor!");
     }
@@ -78,7 +100,65 @@ RESULT RelayWindow::Terminate()
         m_videoDecoder->Terminate();
     }
     m_calibrateTimer->stop();
+    m_conferenceMonitor->Terminate();
     return VLOG_RESULT(EGroupValueSevere, Success);
+}
+
+void RelayWindow::SetDimensions(int x, int y, int width, int height)
+{
+    const QRect rect(x, y, width, height);
+    if (rect == m_dimensions) {
+        return;
+    }
+    VLOG(EGroupValueInformation, "Setting dimensions: x=[%d] y=[%d] w=[%d] h=[%d]", x, y, width,
+         height);
+    m_dimensions = rect;
+    CalibrateWindow();
+}
+
+// A missing monitor leaves the window where it is; the next new rectangle
+// tries again.
+void RelayWindow::CalibrateWindow()
+{
+    std::lock_guard<std::recursive_mutex> lock(m_calibrateMutex);
+    // The display watch that finds the virtual monitor isn't built yet.
+    const bool virtualMonitorFound = false;
+    if (!virtualMonitorFound) {
+        VLOG(EGroupValueWarning, "Failed to find virtual monitor");
+        return;
+    }
+    move(m_dimensions.topLeft());
+    showMaximized();
+    if (!m_monitorLocked) {
+        LockVirtualMonitor(true);
+    }
+}
+
+// Linux has no exclusive capture of a display: finding the one screen at
+// the point is checked as elsewhere, and capture and release always succeed.
+void RelayWindow::LockVirtualMonitor(bool lock)
+{
+    if (m_lockRect.width() <= 0) {
+        return;
+    }
+    int matches = 0;
+    for (const QScreen* screen : QGuiApplication::screens()) {
+        if (screen->geometry().contains(m_lockRect.topLeft())) {
+            ++matches;
+        }
+    }
+    if (matches != 1) {
+        VLOG(EGroupValueWarning, "Failed to call CGGetDisplaysWithPoint ret=0x%x ", 0);
+        return;
+    }
+    if (lock && !m_monitorLocked) {
+        m_monitorLocked = true;
+        return;
+    }
+    if (!lock && !m_monitorLocked) {
+        return;
+    }
+    m_monitorLocked = false;
 }
 
 void RelayWindow::BeginRequestingFramesFromKyr()
@@ -220,8 +300,7 @@ bool RelayWindow::event(QEvent* e)
         e->accept();
         m_closing = true;
         Q_EMIT SignalQuitApplication();
-    } else if (e->type() == QEvent::KeyPress &&
-               static_cast<QKeyEvent*>(e)->key() == Qt::Key_A) {
+    } else if (e->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(e)->key() == Qt::Key_A) {
         Q_EMIT SignalDebugButtonPressed();
     }
     return QWidget::event(e);
@@ -234,8 +313,7 @@ void RelayWindow::moveEvent(QMoveEvent* e)
 
 void RelayWindow::resizeEvent(QResizeEvent* e)
 {
-    VLOG_BYPASS(EGroupValueInformation, 0, "SIZED: [%d,%d]", e->size().width(),
-                e->size().height());
+    VLOG_BYPASS(EGroupValueInformation, 0, "SIZED: [%d,%d]", e->size().width(), e->size().height());
 }
 
 } // namespace quorvan::velorane::relay

@@ -8,8 +8,10 @@
 // decoder thread calls directly for each picture; it touches only the
 // renderer's thread-safe entry points and the atomic m_closing.
 //
-// Not here yet, with its seam below: the virtual monitor (ConferenceMonitor,
-// DisplayManager).
+// The window is placed on the virtual monitor that the ConferenceMonitor
+// brings up. The DisplayManager, which watches the displays and tells where
+// that monitor is, isn't here yet: until it is, no virtual monitor is found
+// and CalibrateWindow leaves the window where it is.
 
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
@@ -23,6 +25,7 @@
 #include <QWidget>
 
 #include <atomic>
+#include <mutex>
 
 class QTimer;
 class QVBoxLayout;
@@ -32,6 +35,8 @@ class VideoRenderer;
 }
 
 namespace quorvan::velorane::relay {
+
+class ConferenceMonitor;
 
 class RelayWindow : public QWidget
 {
@@ -55,6 +60,10 @@ public:
     RESULT Terminate();
 
     int32_t FrameSource() const { return m_frameSource; }
+    ConferenceMonitor* Monitor() const { return m_conferenceMonitor; }
+    QTimer* CalibrateTimer() const { return m_calibrateTimer; }
+    const QRect& Dimensions() const { return m_dimensions; }
+    bool MonitorLocked() const { return m_monitorLocked; }
     bool Closing() const { return m_closing.load(); }
     // The decoder in use, or null before the first frame.
     IVideoDecoder* Decoder() const { return m_videoDecoder.Get(); }
@@ -75,10 +84,12 @@ public Q_SLOTS:
     // Called by the decoder thread for each picture.
     void RenderNewFrame(uint32_t width, uint32_t height, int* stride, uint8_t* yData,
                         uint8_t* uData, uint8_t* vData);
+    void SetDimensions(int x, int y, int width, int height);
     void ReceiveRelayCommandResponse(RelayService service, RelayCommand command, QByteArray data);
     void ReceiveFrameFromClient(QSharedPointer<QByteArray> frame);
     void BeginRequestingFramesFromKyr();
     void BeginReceivingFramesFromClient();
+    void CalibrateWindow();
 
 private Q_SLOTS:
     void RequestNewFrame();
@@ -90,10 +101,14 @@ protected:
 
 private:
     void ReceiveFrame(const QByteArray& data);
+    // Takes the virtual display for this window alone, or gives it back.
+    // Nothing sets m_lockRect, so this returns at its first test.
+    void LockVirtualMonitor(bool lock);
 
     RelayConfig m_config;
     QRect m_dimensions;
     QVBoxLayout* m_layout;
+    ConferenceMonitor* m_conferenceMonitor;
     QTimer* m_frameTimer;
     QTimer* m_calibrateTimer;
     VideoRenderer* m_videoRenderer;
@@ -102,6 +117,9 @@ private:
     int32_t m_frameHeight = 0;
     std::atomic<bool> m_closing{false};
     int32_t m_frameSource = FrameSourceNone;
+    bool m_monitorLocked = false;
+    std::recursive_mutex m_calibrateMutex;
+    QRect m_lockRect;
 };
 
 } // namespace quorvan::velorane::relay

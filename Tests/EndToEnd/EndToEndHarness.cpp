@@ -104,6 +104,47 @@ bool EndToEndScene::StartRelay(const std::vector<std::string>& arguments)
     return m_relay.Start(options);
 }
 
+bool EndToEndScene::StartVirtualDisplay(const std::vector<std::string>& extra)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("vdisplay-sim"), "--record", m_dir.File("vdisplay.rec"),
+                    "--time-limit", "60"};
+    options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+    options.environment = Environment();
+    options.outputFile = m_dir.File("vdisplay.out");
+    return m_virtualDisplay.Start(options) &&
+           m_virtualDisplay.WaitForOutput("vdisplay-sim: listening on", kStartTimeout);
+}
+
+bool EndToEndScene::StartStandaloneRelay(const std::vector<std::string>& arguments,
+                                         const std::string& virtualDisplayOptions)
+{
+    const std::string folder = m_dir.File("app");
+    std::error_code error;
+    fs::create_directories(folder, error);
+    fs::copy_file(BinaryPath("velorane-relay"), folder + "/velorane-relay",
+                  fs::copy_options::overwrite_existing, error);
+    fs::copy_file(BinaryPath("vdisplay-sim"), folder + "/VeloraneVirtualDisplay",
+                  fs::copy_options::overwrite_existing, error);
+    if (error) {
+        return false;
+    }
+    ChildProcess::Options options;
+    options.argv = {folder + "/velorane-relay"};
+    options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+    options.environment = Environment();
+    options.environment["VDISPLAY_SIM_OPTIONS"] =
+        "--record " + m_dir.File("vdisplay.rec") + " --pid-file " + m_dir.File("vdisplay.pid") +
+        " --time-limit 60 " + virtualDisplayOptions;
+    options.outputFile = m_dir.File("relay.out");
+    return m_relay.Start(options);
+}
+
+std::vector<std::string> EndToEndScene::VirtualDisplayRecords() const
+{
+    return ReadLines(m_dir.File("vdisplay.rec"));
+}
+
 std::vector<std::string> EndToEndScene::KyrRecords() const { return ReadLines(m_dir.File("kyr.rec")); }
 
 std::vector<std::string> EndToEndScene::ClientRecords() const

@@ -32,9 +32,19 @@ public:
                      const std::vector<std::string>& extra = {});
     // Starts the relay alone.
     bool StartRelay(const std::vector<std::string>& arguments);
+    // Starts vdisplay-sim as the virtual display process, recording to
+    // vdisplay.rec, and waits until it listens.
+    bool StartVirtualDisplay(const std::vector<std::string>& extra = {});
+    // Copies the relay into a folder of its own with vdisplay-sim beside it
+    // under the virtual display program's name, as standalone mode expects,
+    // and starts that copy. The copy's options come from the environment,
+    // with its record in vdisplay.rec and its process id in vdisplay.pid.
+    bool StartStandaloneRelay(const std::vector<std::string>& arguments,
+                              const std::string& virtualDisplayOptions = {});
 
     std::vector<std::string> KyrRecords() const;
     std::vector<std::string> ClientRecords() const;
+    std::vector<std::string> VirtualDisplayRecords() const;
     // All log files of the run, concatenated.
     std::string LogText() const;
     bool LogFolderExists() const;
@@ -44,6 +54,7 @@ public:
     ChildProcess& Kyr() { return m_kyr; }
     ChildProcess& Client() { return m_client; }
     ChildProcess& Relay() { return m_relay; }
+    ChildProcess& VirtualDisplay() { return m_virtualDisplay; }
 
     // A base port whose + 3 was free a moment ago.
     static int FreeBasePort();
@@ -53,6 +64,7 @@ private:
     ChildProcess m_kyr;
     ChildProcess m_client;
     ChildProcess m_relay;
+    ChildProcess m_virtualDisplay;
 };
 
 std::vector<std::string> ReadLines(const std::string& path);

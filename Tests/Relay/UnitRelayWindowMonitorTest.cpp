@@ -1,0 +1,186 @@
+// The relay window's side of the virtual monitor: the conference monitor it
+// owns, brought up by Initialize and down by Terminate, the dormant
+// calibration poll, and where the window goes when told the monitor's
+// place.
+
+#include "Clients/Conference/ConferenceMonitor.h"
+#include "Clients/Conference/RelayConfig.h"
+#include "Clients/Conference/RelayWindow.h"
+#include "Tests/Relay/UnitQtApp.h"
+#include "Tests/Support/CapturingLogStore.h"
+#include "Tests/Support/ScopedEnv.h"
+#include "Tests/Support/ScriptedLocalServer.h"
+#include "Tests/Support/TempDir.h"
+
+#include <QByteArray>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace velorane::test {
+namespace {
+
+using quorvan::EGroupValueInformation;
+using quorvan::EGroupValueWarning;
+using quorvan::velorane::relay::ConferenceMonitor;
+using quorvan::velorane::relay::RelayConfig;
+using quorvan::velorane::relay::RelayWindow;
+using namespace std::chrono_literals;
+
+Bytes HexBytes(const char* hex)
+{
+    const QByteArray bytes = QByteArray::fromHex(hex);
+    return Bytes(bytes.begin(), bytes.end());
+}
+
+class RelayWindowMonitorTest : public ::testing::Test
+{
+protected:
+    RelayWindowMonitorTest() { UnitQtApplication(); }
+
+    void Serve()
+    {
+        m_server = std::make_unique<ScriptedLocalServer>(
+            m_dir.File("VIRTUAL_MONITOR_SERVER"), [](int, const Bytes& request) {
+                Bytes reply;
+                AppendBigEndian32(reply, 11);
+                reply.insert(reply.end(), request.begin() + 4, request.begin() + 6);
+                reply.push_back(1);
+                AppendBigEndian32(reply, 0);
+                return ScriptedReply{reply};
+            });
+        ASSERT_TRUE(m_server->Listening());
+    }
+
+    std::vector<Bytes> Requests() const
+    {
+        std::vector<Bytes> requests;
+        for (const auto& request : m_server->Requests()) {
+            requests.push_back(request.bytes);
+        }
+        return requests;
+    }
+
+    std::vector<std::string> WindowMessages()
+    {
+        std::vector<std::string> messages;
+        for (const auto& line : m_log->Lines()) {
+            if (line.file == "Clients/Conference/RelayWindow") {
+                messages.push_back(line.message);
+            }
+        }
+        return messages;
+    }
+
+    static RelayConfig Config(bool useMonitor)
+    {
+        RelayConfig config;
+        config.windowWidth = 1280;
+        config.windowHeight = 720;
+        config.useMonitor = useMonitor;
+        return config;
+    }
+
+    TempDir m_dir;
+    ScopedEnv m_tmpdir{"TMPDIR", m_dir.Path()};
+    ScopedLogCapture m_log;
+    std::unique_ptr<ScriptedLocalServer> m_server;
+};
+
+TEST_F(RelayWindowMonitorTest, TheWindowOwnsItsMonitorAndAStoppedCalibrationPoll)
+{
+    RelayWindow window(Config(true));
+    ASSERT_NE(window.Monitor(), nullptr);
+    EXPECT_EQ(window.Monitor()->parent(), &window);
+    EXPECT_EQ(window.CalibrateTimer()->interval(), 2000);
+    EXPECT_FALSE(window.CalibrateTimer()->isActive());
+    EXPECT_EQ(window.Dimensions(), QRect(QPoint(0, 0), QPoint(-1, -1)));
+}
+
+TEST_F(RelayWindowMonitorTest, InitializeBringsTheMonitorUpAndTerminateTakesItDown)
+{
+    Serve();
+    RelayWindow window(Config(true));
+    EXPECT_EQ(window.Initialize(), 0);
+    EXPECT_TRUE(window.Monitor()->ConferenceCreated());
+    EXPECT_EQ(Requests(), (std::vector<Bytes>{HexBytes("00000010a144"
+                                                       "00"
+                                                       "00000500"
+                                                       "000002d0"
+                                                       "fa"),
+                                              HexBytes("0000000fa13d0000000500000002d0")}));
+    EXPECT_FALSE(window.CalibrateTimer()->isActive());
+
+    EXPECT_EQ(window.Terminate(), 0);
+    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
+    ASSERT_EQ(Requests().size(), 3u);
+    EXPECT_EQ(Requests()[2], HexBytes("00000007a13f00"));
+}
+
+TEST_F(RelayWindowMonitorTest, WithoutTheMonitorNothingIsAskedOfTheVirtualDisplay)
+{
+    Serve();
+    RelayWindow window(Config(false));
+    EXPECT_EQ(window.Initialize(), 0);
+    EXPECT_EQ(window.Terminate(), 0);
+    EXPECT_EQ(m_server->Connections(), 0);
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Skipping creation of virtual monitor!"));
+    EXPECT_EQ(m_log->Count("Terminate not needed"), 0u);
+}
+
+TEST_F(RelayWindowMonitorTest, AMissingVirtualDisplayIsLoggedAndTheWindowGoesOn)
+{
+    RelayWindow window(Config(true));
+    EXPECT_EQ(window.Initialize(), 0);
+    EXPECT_TRUE(m_log->Contains(quorvan::EGroupValueSevere,
+                                "RETURN Result: 0x80000000 - IPC communication not established "
+                                "with server name: VIRTUAL_MONITOR_SERVER"));
+    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
+}
+
+TEST_F(RelayWindowMonitorTest, NewDimensionsAreStoredAndTheMonitorLookedFor)
+{
+    RelayWindow window(Config(true));
+    // The same rectangle as the empty start does nothing at all.
+    window.SetDimensions(0, 0, 0, 0);
+    EXPECT_TRUE(m_log->Lines().empty());
+
+    window.SetDimensions(10, 20, 1280, 720);
+    EXPECT_EQ(window.Dimensions(), QRect(QPoint(10, 20), QPoint(1289, 739)));
+    EXPECT_EQ(WindowMessages(),
+              (std::vector<std::string>{"Setting dimensions: x=[10] y=[20] w=[1280] h=[720]",
+                                        "Failed to find virtual monitor"}));
+    EXPECT_TRUE(m_log->Contains(EGroupValueInformation,
+                                "Setting dimensions: x=[10] y=[20] w=[1280] h=[720]"));
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Failed to find virtual monitor"));
+    EXPECT_FALSE(window.MonitorLocked());
+
+    m_log->Clear();
+    window.SetDimensions(10, 20, 1280, 720);
+    EXPECT_TRUE(m_log->Lines().empty());
+}
+
+TEST_F(RelayWindowMonitorTest, TheMonitorsUpdateSignalSetsTheDimensions)
+{
+    RelayWindow window(Config(true));
+    Q_EMIT window.Monitor()->SignalUpdateRelayWindow(-1280, 0, 1280, 720);
+    EXPECT_EQ(window.Dimensions(), QRect(-1280, 0, 1280, 720));
+}
+
+TEST_F(RelayWindowMonitorTest, TheCalibrationPollAsksForTheMonitorsPlaceWhenStarted)
+{
+    Serve();
+    RelayWindow window(Config(true));
+    window.CalibrateTimer()->setInterval(10);
+    window.CalibrateTimer()->start();
+    ASSERT_TRUE(WaitUntil([&] { return !Requests().empty(); }, 5s));
+    window.CalibrateTimer()->stop();
+    EXPECT_EQ(Requests()[0], HexBytes("00000007a14700"));
+}
+
+} // namespace
+} // namespace velorane::test
