@@ -185,6 +185,23 @@ TEST_F(IpcClientTest, AReplyCutShortTimesOutWithTheSecondTextAndAnEmptyReply)
     EXPECT_TRUE(server->WaitForClosed(1, 5s));
 }
 
+TEST_F(IpcClientTest, AReplyAnnouncingSizeZeroEndsTheWaitAndFailsToParse)
+{
+    auto server = Serve({ToBytes(Hex("00000000a14401" "00000000"))});
+    IpcClient client(QString::fromLatin1(kServerName), nullptr);
+    ASSERT_TRUE(client.ConnectToServer(5000));
+    QByteArray received;
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_TRUE(client.SendRequestBlocking(SetResolutionRequest(), &received));
+    EXPECT_LT(timer.elapsed(), 4000);
+    int result = 0;
+    EXPECT_FALSE(IpcClient::ParseReplyMessage(&received, &result));
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning,
+                                "Reply message is malformed. Size of message 11 isn't equal to "
+                                "size specified in message header 0"));
+}
+
 TEST_F(IpcClientTest, TheQueuedRequestSignalsItsReply)
 {
     auto server = Serve({ToBytes(kSetResolutionReply)});
