@@ -33,6 +33,10 @@ std::map<std::string, std::string> EndToEndScene::Environment() const
         // The window needs no screen for these runs.
         {"QT_QPA_PLATFORM", "offscreen"},
     };
+    if (!m_display.empty()) {
+        environment["QT_QPA_PLATFORM"] = "xcb";
+        environment["DISPLAY"] = m_display;
+    }
     // In the sanitizer tree the relay's window loads Mesa's GL driver, which
     // is unloaded at exit: what it keeps shows as leaks from an unknown
     // module that can't be suppressed by name. The relay's own classes are

@@ -21,6 +21,9 @@ public:
 
     // The environment every process of the scene gets.
     std::map<std::string, std::string> Environment() const;
+    // From now on the scene's processes show their windows on this X
+    // display instead of the offscreen platform.
+    void ShowOnDisplay(const std::string& display) { m_display = display; }
 
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
@@ -65,6 +68,7 @@ private:
     ChildProcess m_client;
     ChildProcess m_relay;
     ChildProcess m_virtualDisplay;
+    std::string m_display;
 };
 
 std::vector<std::string> ReadLines(const std::string& path);

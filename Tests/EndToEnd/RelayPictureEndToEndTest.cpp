@@ -1,0 +1,267 @@
+// What a person sees: the real relay, started by client-sim and fed by
+// kyr-sim over TLS, shows kyr-sim's test picture in its window. Each test
+// runs its own X server, so no other test's window can cover the relay's,
+// and looks at the screen with screen-grab, as the demo does.
+
+#include "Tests/EndToEnd/EndToEndHarness.h"
+
+#include <QColor>
+#include <QImage>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+using namespace velorane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kWidth = 640;
+constexpr int kHeight = 360;
+
+std::string XvfbPath()
+{
+    for (const char* candidate : {"/usr/bin/Xvfb", "/usr/local/bin/Xvfb"}) {
+        if (access(candidate, X_OK) == 0) {
+            return candidate;
+        }
+    }
+    return "Xvfb";
+}
+
+// An Xvfb of its own on the first free display number from a per-process
+// start, so that tests running side by side don't meet.
+class PrivateDisplay
+{
+public:
+    bool Start(const std::string& folder)
+    {
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            const int number = 400 + (getpid() + attempt * 37) % 500;
+            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+            struct stat info{};
+            if (stat(socket.c_str(), &info) == 0) {
+                continue;
+            }
+            ChildProcess::Options options;
+            options.argv = {XvfbPath(), ":" + std::to_string(number), "-screen", "0", "1280x720x24",
+                            "-nolisten", "tcp", "-br"};
+            options.outputFile = folder + "/xvfb.out";
+            if (!m_server.Start(options)) {
+                return false;
+            }
+            const auto deadline = std::chrono::steady_clock::now() + 15s;
+            while (std::chrono::steady_clock::now() < deadline) {
+                if (stat(socket.c_str(), &info) == 0) {
+                    m_name = ":" + std::to_string(number);
+                    return true;
+                }
+                if (!m_server.Running()) {
+                    break; // another server took the number first
+                }
+                std::this_thread::sleep_for(50ms);
+            }
+            m_server.Kill();
+            m_server.WaitForExit(5s);
+        }
+        return false;
+    }
+
+    const std::string& Name() const { return m_name; }
+
+private:
+    ChildProcess m_server;
+    std::string m_name;
+};
+
+// The whole screen as screen-grab saves it; a null image when it failed.
+QImage Grab(EndToEndScene& scene, const std::string& display, int index)
+{
+    const std::string path = scene.Dir().File("grab" + std::to_string(index) + ".png");
+    ChildProcess grab;
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("screen-grab"), path};
+    options.environment = {{"DISPLAY", display}, {"QT_QPA_PLATFORM", "xcb"}};
+    options.outputFile = path + ".out";
+    int code = -1;
+    if (!grab.Start(options) || !grab.WaitForExit(30s, &code) || code != 0) {
+        return {};
+    }
+    return QImage(QString::fromStdString(path));
+}
+
+// kyr-sim's picture is eight full-height bars: white, yellow, cyan, green,
+// magenta, red, blue, black, as red, green and blue on or off. A box moves
+// over them and a number sits top left, so each bar is sampled at four
+// heights and counts when most samples show its colour. Answers how many of
+// the eight bars the window at the top left of the screen shows.
+int BarsShown(const QImage& screen)
+{
+    static const int kBars[8] = {0b111, 0b110, 0b011, 0b010, 0b101, 0b100, 0b001, 0b000};
+    if (screen.width() < kWidth || screen.height() < kHeight) {
+        return 0;
+    }
+    int shown = 0;
+    for (int bar = 0; bar < 8; ++bar) {
+        const int x = (2 * bar + 1) * kWidth / 16;
+        int matches = 0;
+        for (const double height : {0.3, 0.5, 0.7, 0.9}) {
+            const QColor colour = screen.pixelColor(x, static_cast<int>(height * kHeight));
+            int bits = 0;
+            bool clear = true;
+            for (const int channel : {colour.red(), colour.green(), colour.blue()}) {
+                bits = bits << 1 | (channel > 150 ? 1 : 0);
+                clear = clear && (channel > 150 || channel < 100);
+            }
+            matches += clear && bits == kBars[bar];
+        }
+        shown += matches >= 3;
+    }
+    return shown;
+}
+
+// How many pixels of the window differ between two grabs.
+int PixelsChanged(const QImage& first, const QImage& second)
+{
+    int changed = 0;
+    for (int y = 0; y < kHeight; y += 2) {
+        for (int x = 0; x < kWidth; x += 2) {
+            changed += first.pixel(x, y) != second.pixel(x, y);
+        }
+    }
+    return changed;
+}
+
+// Grabs until the window shows all eight bars or the time is up; answers the
+// last grab.
+QImage GrabUntilBars(EndToEndScene& scene, const std::string& display, int* index,
+                     std::chrono::seconds timeout = 30s)
+{
+    QImage screen;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    do {
+        screen = Grab(scene, display, (*index)++);
+        if (BarsShown(screen) == 8) {
+            break;
+        }
+        std::this_thread::sleep_for(200ms);
+    } while (std::chrono::steady_clock::now() < deadline);
+    return screen;
+}
+
+bool WaitForLog(EndToEndScene& scene, const std::string& text, std::chrono::seconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (scene.LogText().find(text) != std::string::npos) {
+            return true;
+        }
+        std::this_thread::sleep_for(100ms);
+    }
+    return false;
+}
+
+std::vector<std::string> Relay(int basePort)
+{
+    return {"-t",          "-m",
+            "--kyrIp",     "127.0.0.1",
+            "--relayPort", std::to_string(basePort),
+            "--relayPassword", "secret",
+            "--width",     std::to_string(kWidth),
+            "--height",    std::to_string(kHeight)};
+}
+
+class RelayPictureEndToEndTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_display.Start(m_scene.Dir().Path())) << "no private X server";
+        m_scene.ShowOnDisplay(m_display.Name());
+        m_base = EndToEndScene::FreeBasePort();
+    }
+
+    // The display outlives the scene, so that the relay never sees its X
+    // server vanish before it has been told to quit.
+    PrivateDisplay m_display;
+    EndToEndScene m_scene;
+    int m_base = -1;
+    int m_grabs = 0;
+};
+
+TEST_F(RelayPictureEndToEndTest, PulledPictureShowsTheTestPattern)
+{
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret"}));
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:60000", "kill"}, Relay(m_base)));
+    const QImage screen = GrabUntilBars(m_scene, m_display.Name(), &m_grabs);
+    ASSERT_FALSE(screen.isNull());
+    EXPECT_EQ(BarsShown(screen), 8) << m_scene.LogText();
+    // The window is 640x360 at the top left; the rest of the screen is the
+    // server's black background.
+    EXPECT_EQ(screen.pixelColor(kWidth + 20, kHeight + 20), QColor(Qt::black));
+    // The picture is live: the box and the number move.
+    std::this_thread::sleep_for(700ms);
+    const QImage later = Grab(m_scene, m_display.Name(), m_grabs++);
+    EXPECT_EQ(BarsShown(later), 8);
+    EXPECT_GT(PixelsChanged(screen, later), 100);
+}
+
+TEST_F(RelayPictureEndToEndTest, SizeChangeMidStreamKeepsThePicture)
+{
+    // From frame 30 on, kyr-sim sends 320x240; the window stays 640x360.
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret", "--resize-at", "30:320x240"}));
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:60000", "kill"}, Relay(m_base)));
+    ASSERT_EQ(BarsShown(GrabUntilBars(m_scene, m_display.Name(), &m_grabs)), 8);
+    // The second decoder is made for the new size.
+    const auto decoders = [this] {
+        const std::string log = m_scene.LogText();
+        size_t count = 0;
+        for (size_t at = log.find("\tVideoDecoder: selected codec: h264\t"); at != std::string::npos;
+             at = log.find("\tVideoDecoder: selected codec: h264\t", at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (decoders() < 2 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(100ms);
+    }
+    ASSERT_EQ(decoders(), 2u) << m_scene.LogText();
+    // Give the new decoder its first pictures, then look again.
+    std::this_thread::sleep_for(1500ms);
+    const QImage after = GrabUntilBars(m_scene, m_display.Name(), &m_grabs);
+    EXPECT_EQ(BarsShown(after), 8);
+    std::this_thread::sleep_for(700ms);
+    EXPECT_GT(PixelsChanged(after, Grab(m_scene, m_display.Name(), m_grabs++)), 100);
+}
+
+TEST_F(RelayPictureEndToEndTest, ClientPixelsReplaceThePull)
+{
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret"}));
+    // About 13 s of the client's own 320x240 stream after 1.5 s of pulling.
+    ASSERT_TRUE(m_scene.StartClient(
+        {"start-scrape", "wait:1500", "pixels-h264:200:320x240", "kill"}, Relay(m_base)));
+    ASSERT_TRUE(WaitForLog(m_scene, "\tNew relay frame source: Client\t", 30s));
+    // Once the pull has stopped, the pictures come from the client alone.
+    std::this_thread::sleep_for(1500ms);
+    const QImage first = GrabUntilBars(m_scene, m_display.Name(), &m_grabs, 10s);
+    EXPECT_EQ(BarsShown(first), 8) << m_scene.LogText();
+    std::this_thread::sleep_for(700ms);
+    const QImage second = Grab(m_scene, m_display.Name(), m_grabs++);
+    EXPECT_EQ(BarsShown(second), 8);
+    EXPECT_GT(PixelsChanged(first, second), 100);
+    // Nothing was asked of the Kyr after the stop command.
+    const auto kyr = m_scene.KyrRecords();
+    const auto stop = std::find(kyr.begin(), kyr.end(), "request 9945febb34ef000000000000");
+    ASSERT_NE(stop, kyr.end());
+    EXPECT_EQ(std::count(stop, kyr.end(), "request 9945febbf9d0000000000000"), 0);
+}
+
+} // namespace
