@@ -151,6 +151,37 @@ TEST(RelayMonitorEndToEndTest, AHungDisplayProcessCostsTheReplyTimeOutOnly)
     EXPECT_TRUE(EndsWithEnd(log));
 }
 
+TEST(RelayMonitorEndToEndTest, ARefusedResolutionStopsTheSetUpAndNothingIsTakenDown)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartVirtualDisplay({"--result", "SetResolution=-3"}));
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
+    ASSERT_TRUE(scene.StartClient({"wait:1500", "kill"}, RelayArguments(base)));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0);
+
+    // The request of the example and its refusal, byte for byte; no
+    // CreateConference, and at the quit no DestroyConference.
+    const auto records = scene.VirtualDisplayRecords();
+    EXPECT_EQ(WithPrefix(records, "request "), std::vector<std::string>{kSetResolutionRequest})
+        << ::testing::PrintToString(records);
+    EXPECT_EQ(WithPrefix(records, "reply "),
+              std::vector<std::string>{"reply 1 0000000ba14401fffffffd"});
+    EXPECT_EQ(WithPrefix(records, "command "),
+              std::vector<std::string>{"command 1 SetResolution 1920 1080 250"});
+
+    const std::string log = scene.LogText();
+    EXPECT_TRUE(HasLine(log, kSevere, "RETURN Result: 0xfffffffd - Failed to SetResolution"))
+        << log;
+    EXPECT_TRUE(
+        HasLine(log, kSevere, "RETURN Result: 0xfffffffd - Failed to initialize: set resolution"));
+    EXPECT_EQ(log.find("CreateConference"), std::string::npos);
+    EXPECT_EQ(log.find("Failed to destroy"), std::string::npos);
+    EXPECT_TRUE(EndsWithEnd(log));
+}
+
 TEST(RelayMonitorEndToEndTest, AReplyCutShortFailsTheConferenceWithTheSecondTimeOut)
 {
     EndToEndScene scene;

@@ -15,12 +15,16 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QSignalSpy>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace velorane::test {
@@ -174,6 +178,173 @@ TEST_F(ConferenceMonitorTest, AFailedDestroyKeepsTheConferenceSoTheNextTerminate
     EXPECT_EQ(requests[3], HexBytes(kDestroyConference));
 }
 
+// The logger limits each log site per thread, and the operations share the
+// sites of the exchange and of the reply parser. So each operation below
+// runs on a thread of its own, and all those threads live until the test
+// ends, so that no two of them can share an id.
+class OwnThreads
+{
+public:
+    ~OwnThreads()
+    {
+        m_release.set_value();
+        for (auto& thread : m_threads) {
+            thread->wait();
+        }
+    }
+
+    void Run(std::function<void()> work)
+    {
+        auto done = std::make_shared<std::promise<void>>();
+        std::future<void> finished = done->get_future();
+        std::shared_future<void> released = m_released;
+        m_threads.emplace_back(QThread::create([work = std::move(work), done, released] {
+            work();
+            done->set_value();
+            released.wait();
+        }));
+        m_threads.back()->start();
+        finished.wait();
+    }
+
+private:
+    std::promise<void> m_release;
+    std::shared_future<void> m_released = m_release.get_future().share();
+    std::vector<std::unique_ptr<QThread>> m_threads;
+};
+
+struct Operation
+{
+    const char* name;
+    std::function<RESULT(ConferenceMonitor&)> send;
+    const char* request;
+    // A refusal with the result -3, shaped as the command's reply.
+    const char* refusal;
+    const char* successText;
+};
+
+TEST_F(ConferenceMonitorTest, EachOperationTellsItsFailuresAndSuccessInItsOwnWords)
+{
+    QSignalSpy update(&m_monitor, &ConferenceMonitor::SignalUpdateRelayWindow);
+    const Operation operations[] = {
+        {"SetResolution", [](ConferenceMonitor& m) { return m.SendSetResolution(); },
+         kSetResolution1920, "0000000ba14401fffffffd", "Set resolution succesfully"},
+        {"CreateConference", [](ConferenceMonitor& m) { return m.SendCreateConference(); },
+         kCreateConference, "0000000ba13d01fffffffd", "Success"},
+        {"DestroyConference", [](ConferenceMonitor& m) { return m.SendDestroyConference(); },
+         kDestroyConference, "0000000ba13f01fffffffd", "Success"},
+        {"CreateExtendedPresentation",
+         [](ConferenceMonitor& m) { return m.SendCreateExtendedPresentation(); }, "00000007a13e00",
+         "0000000ba13e01fffffffd", "Success"},
+        {"RequestCalibrate", [](ConferenceMonitor& m) { return m.SendRequestCalibrate(); },
+         "00000007a14700", "0000000ca14701fffffffd00", "Set request calibrate success"},
+        {"SetCursorCage", [](ConferenceMonitor& m) { return m.SendSetCursorCage(0x2A); },
+         "00000010a14300"
+         "01"
+         "000000000000002a",
+         "0000001ba14301fffffffd"
+         "fffffb00"
+         "00000000"
+         "00000500"
+         "000002d0",
+         "Set cursor cage success"},
+    };
+    const std::string general = "RETURN Result: 0x80000000 - ";
+    const std::string refused = "RETURN Result: 0xfffffffd - ";
+    OwnThreads threads;
+    for (const auto& operation : operations) {
+        SCOPED_TRACE(operation.name);
+        const std::string name = operation.name;
+        std::vector<RESULT> results;
+        std::vector<std::vector<CapturedLine>> lines;
+        std::vector<std::vector<Bytes>> requests;
+        const auto serve = [&](std::function<Bytes(const Bytes&)> answer) {
+            // The old server takes its socket file with it.
+            m_server.reset();
+            m_server = std::make_unique<ScriptedLocalServer>(
+                m_dir.File("VIRTUAL_MONITOR_SERVER"),
+                [answer](int, const Bytes& request) { return ScriptedReply{answer(request)}; });
+        };
+        threads.Run([&] {
+            // No display process; one that sends the request back; one that
+            // refuses; one that agrees.
+            m_server.reset();
+            m_log->Clear();
+            results.push_back(operation.send(m_monitor));
+            lines.push_back(m_log->Lines());
+            requests.push_back({});
+
+            serve([](const Bytes& request) { return request; });
+            m_log->Clear();
+            results.push_back(operation.send(m_monitor));
+            lines.push_back(m_log->Lines());
+            requests.push_back(Requests());
+
+            const Bytes refusal = HexBytes(operation.refusal);
+            serve([refusal](const Bytes&) { return refusal; });
+            m_log->Clear();
+            results.push_back(operation.send(m_monitor));
+            lines.push_back(m_log->Lines());
+            requests.push_back(Requests());
+
+            serve([](const Bytes& request) {
+                if (CommandOf(request) == 0xA147) {
+                    return HexBytes("0000000ca147010000000000");
+                }
+                if (CommandOf(request) == 0xA143) {
+                    return HexBytes("0000001ba1430100000000"
+                                    "00000001000000020000000300000004");
+                }
+                return ReplyTo(request, 0);
+            });
+            m_log->Clear();
+            results.push_back(operation.send(m_monitor));
+            lines.push_back(m_log->Lines());
+            requests.push_back(Requests());
+            m_server.reset();
+        });
+
+        const auto messagesOf = [](const std::vector<CapturedLine>& captured) {
+            std::vector<std::pair<quorvan::ELogGroups, std::string>> messages;
+            for (const auto& line : captured) {
+                messages.emplace_back(line.group, line.message);
+            }
+            return messages;
+        };
+        using Lines = std::vector<std::pair<quorvan::ELogGroups, std::string>>;
+        ASSERT_EQ(results.size(), 4u);
+        EXPECT_EQ(results[0], static_cast<RESULT>(0x80000000u));
+        EXPECT_EQ(messagesOf(lines[0]),
+                  (Lines{{quorvan::EGroupValueSevere,
+                          general + "IPC communication not established with server name: "
+                                    "VIRTUAL_MONITOR_SERVER"},
+                         {quorvan::EGroupValueSevere, general + "Failed to send " + name}}));
+
+        EXPECT_EQ(results[1], static_cast<RESULT>(0x80000000u));
+        EXPECT_EQ(messagesOf(lines[1]),
+                  (Lines{{quorvan::EGroupValueWarning, "Reply message is the wrong message type 0"},
+                         {quorvan::EGroupValueSevere,
+                          general + "Unable to parse the reply of " + name}}));
+        EXPECT_EQ(requests[1], std::vector<Bytes>{HexBytes(operation.request)});
+
+        EXPECT_EQ(results[2], -3);
+        EXPECT_EQ(messagesOf(lines[2]),
+                  (Lines{{quorvan::EGroupValueSevere, refused + "Failed to " + name}}));
+        EXPECT_EQ(requests[2], std::vector<Bytes>{HexBytes(operation.request)});
+
+        // A success goes to Spew at level 3.
+        EXPECT_EQ(results[3], 0);
+        EXPECT_EQ(messagesOf(lines[3]),
+                  (Lines{{quorvan::EGroupValueSpew,
+                          std::string("RETURN Result: 0x0 - ") + operation.successText}}));
+        EXPECT_EQ(requests[3], std::vector<Bytes>{HexBytes(operation.request)});
+    }
+    // Only the cage's success moved the window: a refusal moves nothing,
+    // and the calibration found nothing.
+    ASSERT_EQ(update.count(), 1);
+    EXPECT_EQ(update[0], (QList<QVariant>{1, 2, 3, 4}));
+}
+
 TEST_F(ConferenceMonitorTest, WithoutAServerInitializeFailsOnTheResolution)
 {
     QElapsedTimer timer;
@@ -215,12 +386,17 @@ TEST_F(ConferenceMonitorTest, ARefusedConferenceFailsInitializeAfterTheResolutio
     EXPECT_EQ(m_monitor.Initialize(0), static_cast<int32_t>(0x80000000u));
     EXPECT_FALSE(m_monitor.ConferenceCreated());
     EXPECT_EQ(Requests().size(), 2u);
-    EXPECT_EQ(m_log->Messages().back(),
-              "RETURN Result: 0x80000000 - Failed to initialize: create conference");
+    EXPECT_EQ(m_log->Messages(),
+              (std::vector<std::string>{
+                  "RETURN Result: 0x0 - Set resolution succesfully",
+                  "RETURN Result: 0x80000000 - Failed to CreateConference",
+                  "RETURN Result: 0x80000000 - Failed to initialize: create conference"}));
     m_log->Clear();
     EXPECT_EQ(m_monitor.Terminate(), 0);
     EXPECT_EQ(m_log->Messages(),
               std::vector<std::string>{"RETURN Result: 0x0 - Terminate not needed"});
+    // Nothing went to the display process for the take-down.
+    EXPECT_EQ(Requests().size(), 2u);
 }
 
 TEST_F(ConferenceMonitorTest, AnUnparsableReplyIsTheGeneralFailure)

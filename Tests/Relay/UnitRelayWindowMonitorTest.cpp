@@ -8,6 +8,7 @@
 #include "Clients/Conference/RelayWindow.h"
 #include "Tests/Relay/UnitQtApp.h"
 #include "Tests/Support/CapturingLogStore.h"
+#include "Tests/Support/RawLocalClient.h"
 #include "Tests/Support/ScopedEnv.h"
 #include "Tests/Support/ScriptedLocalServer.h"
 #include "Tests/Support/TempDir.h"
@@ -42,15 +43,18 @@ class RelayWindowMonitorTest : public ::testing::Test
 protected:
     RelayWindowMonitorTest() { UnitQtApplication(); }
 
-    void Serve()
+    // Answers every request with success, DestroyConference with the
+    // result given.
+    void Serve(uint32_t destroyResult = 0)
     {
         m_server = std::make_unique<ScriptedLocalServer>(
-            m_dir.File("VIRTUAL_MONITOR_SERVER"), [](int, const Bytes& request) {
+            m_dir.File("VIRTUAL_MONITOR_SERVER"), [destroyResult](int, const Bytes& request) {
                 Bytes reply;
                 AppendBigEndian32(reply, 11);
                 reply.insert(reply.end(), request.begin() + 4, request.begin() + 6);
                 reply.push_back(1);
-                AppendBigEndian32(reply, 0);
+                const bool destroy = request[4] == 0xA1 && request[5] == 0x3F;
+                AppendBigEndian32(reply, destroy ? destroyResult : 0);
                 return ScriptedReply{reply};
             });
         ASSERT_TRUE(m_server->Listening());
@@ -114,6 +118,71 @@ TEST_F(RelayWindowMonitorTest, InitializeBringsTheMonitorUpAndTerminateTakesItDo
                                                        "fa"),
                                               HexBytes("0000000fa13d0000000500000002d0")}));
     EXPECT_FALSE(window.CalibrateTimer()->isActive());
+
+    EXPECT_EQ(window.Terminate(), 0);
+    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
+    ASSERT_EQ(Requests().size(), 3u);
+    EXPECT_EQ(Requests()[2], HexBytes("00000007a13f00"));
+}
+
+TEST_F(RelayWindowMonitorTest, ARefusedTakeDownIsLoggedAndTheShutdownGoesOn)
+{
+    Serve(0xFFFFFFFEu);
+    RelayWindow window(Config(true));
+    ASSERT_EQ(window.Initialize(), 0);
+    window.CalibrateTimer()->start(60000);
+    m_log->Clear();
+
+    EXPECT_EQ(window.Terminate(), 0);
+    EXPECT_FALSE(window.CalibrateTimer()->isActive());
+    EXPECT_TRUE(window.Monitor()->ConferenceCreated());
+    EXPECT_EQ(Requests(), (std::vector<Bytes>{HexBytes("00000010a144"
+                                                       "00"
+                                                       "00000500"
+                                                       "000002d0"
+                                                       "fa"),
+                                              HexBytes("0000000fa13d0000000500000002d0"),
+                                              HexBytes("00000007a13f00")}));
+    std::vector<std::string> monitorMessages;
+    for (const auto& line : m_log->Lines()) {
+        if (line.file == "Clients/Conference/ConferenceMonitor") {
+            EXPECT_EQ(line.group, quorvan::EGroupValueSevere);
+            monitorMessages.push_back(line.message);
+        }
+    }
+    EXPECT_EQ(monitorMessages,
+              (std::vector<std::string>{
+                  "RETURN Result: 0xfffffffe - Failed to DestroyConference",
+                  "RETURN Result: 0xfffffffe - Failed to destroy Velorane Conference virtual "
+                  "monitor"}));
+}
+
+TEST_F(RelayWindowMonitorTest, StandaloneListensAndSetsTheMonitorUpWhenTheProcessCallsBack)
+{
+    Serve();
+    RelayConfig config = Config(true);
+    config.standalone = true;
+    RelayWindow window(config);
+    // The display program isn't beside the test: the window goes on all the
+    // same, with the server listening for a process started otherwise.
+    EXPECT_EQ(window.Initialize(), 0);
+    EXPECT_TRUE(m_log->Contains(
+        quorvan::EGroupValueSevere,
+        "RETURN Result: 0x80000000 - Failed to start Velorane Virtual Dislay process"));
+    EXPECT_TRUE(window.Monitor()->ServerListening());
+    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
+    EXPECT_EQ(m_server->Connections(), 0);
+
+    RawLocalClient process(m_dir.File("CONFERENCE_SERVER"));
+    ASSERT_TRUE(process.Connected());
+    ASSERT_TRUE(WaitUntil([&] { return Requests().size() == 2u; }, 5s));
+    EXPECT_EQ(Requests(), (std::vector<Bytes>{HexBytes("00000010a144"
+                                                       "00"
+                                                       "00000500"
+                                                       "000002d0"
+                                                       "fa"),
+                                              HexBytes("0000000fa13d0000000500000002d0")}));
+    EXPECT_TRUE(window.Monitor()->ConferenceCreated());
 
     EXPECT_EQ(window.Terminate(), 0);
     EXPECT_FALSE(window.Monitor()->ConferenceCreated());

@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace velorane::test {
 namespace {
@@ -59,7 +61,9 @@ TEST_F(IpcClientTest, AnUninitialisedInstanceRefusesEveryOperation)
     EXPECT_FALSE(client.SendReply(Hex("00")));
     EXPECT_FALSE(client.setAsynchronousMode());
     ASSERT_TRUE(QMetaObject::invokeMethod(&client, "onRecv", Qt::DirectConnection));
-    EXPECT_EQ(m_log->Count(kNotInitialized), 4u);
+    EXPECT_EQ(m_log->Messages(), std::vector<std::string>(4, kNotInitialized));
+    EXPECT_FALSE(client.IsInitialized());
+    EXPECT_TRUE(client.PendingBytes().isEmpty());
     for (const auto& line : m_log->Lines()) {
         EXPECT_EQ(line.group, EGroupValueWarning);
     }
@@ -158,6 +162,7 @@ TEST_F(IpcClientTest, ASilentServerTimesOutAfterFiveSecondsAndIsDisconnected)
     EXPECT_GE(timer.elapsed(), 4900);
     EXPECT_LT(timer.elapsed(), 8000);
     EXPECT_EQ(received, Hex("aa"));
+    EXPECT_EQ(m_log->Messages(), std::vector<std::string>{"IpcClient timed out waiting for reply"});
     EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "IpcClient timed out waiting for reply"));
     EXPECT_TRUE(server->WaitForClosed(1, 5s));
 }
@@ -179,15 +184,39 @@ TEST_F(IpcClientTest, AReplyCutShortTimesOutWithTheSecondTextAndAnEmptyReply)
     EXPECT_GE(timer.elapsed(), 4900);
     EXPECT_LT(timer.elapsed(), 8000);
     EXPECT_TRUE(received.isEmpty());
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"IpcClint timed out waiting for reply from server"});
     EXPECT_TRUE(
         m_log->Contains(EGroupValueWarning, "IpcClint timed out waiting for reply from server"));
-    EXPECT_FALSE(m_log->Contains(EGroupValueWarning, "IpcClient timed out waiting for reply"));
     EXPECT_TRUE(server->WaitForClosed(1, 5s));
+}
+
+TEST_F(IpcClientTest, TwoRepliesInOneWriteAreReturnedTogetherAndRefusedByTheParser)
+{
+    // Nothing trims the reply to the first message.
+    const QByteArray twice = kSetResolutionReply + Hex("0000000ba13d01ffffffff");
+    auto server = Serve({ToBytes(twice)});
+    IpcClient client(QString::fromLatin1(kServerName), nullptr);
+    ASSERT_TRUE(client.ConnectToServer(5000));
+    QByteArray received;
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_TRUE(client.SendRequestBlocking(SetResolutionRequest(), &received));
+    EXPECT_LT(timer.elapsed(), 4000);
+    EXPECT_EQ(received, twice);
+    EXPECT_TRUE(m_log->Lines().empty());
+    int result = 5;
+    EXPECT_FALSE(IpcClient::ParseReplyMessage(&received, &result));
+    EXPECT_EQ(result, 5);
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"Reply message is malformed. Size of message 22 isn't "
+                                       "equal to size specified in message header 11"});
 }
 
 TEST_F(IpcClientTest, AReplyAnnouncingSizeZeroEndsTheWaitAndFailsToParse)
 {
-    auto server = Serve({ToBytes(Hex("00000000a14401" "00000000"))});
+    auto server = Serve({ToBytes(Hex("00000000a14401"
+                                     "00000000"))});
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received;

@@ -9,6 +9,7 @@
 
 #include <QLocalServer>
 #include <QSignalSpy>
+#include <QThread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -262,6 +263,72 @@ TEST_F(IpcServerTest, ReservedAndUnknownCommandsAreRefusedWithAnEcho)
                                      "Skipping message: Uknown command 41282, malformed message",
                                      "Skipping message: Uknown command 41285, malformed message",
                                      "Skipping message: Uknown command 4660, malformed message"}));
+    for (const auto& line : m_log->Lines()) {
+        EXPECT_EQ(line.group, EGroupValueWarning);
+    }
+}
+
+TEST_F(IpcServerTest, TheMessageTypeIsPrintedUnsigned)
+{
+    auto peer = Connect(*m_server);
+    EXPECT_TRUE(Exchange(*peer, Hex("00000007a13fff"), 1, 300ms).isEmpty());
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"Skipping message: Message type 255 isn't a request"});
+}
+
+// A peer that keeps sending rubbish is told of every time: the receive
+// path's warnings are not suspended after five in a row as other sites are.
+TEST_F(IpcServerTest, TheReceiveWarningsAreNeverSuspended)
+{
+    const int kRepeats = 8;
+    IpcClient unconnected;
+    for (int i = 0; i < kRepeats; ++i) {
+        m_server->onRecv(nullptr, Hex("00000007a13f00"));
+        m_server->onRecv(&unconnected, QByteArray());
+        m_server->onRecv(&unconnected, Hex("000000"));
+        m_server->onRecv(&unconnected, Hex("00000007a13f01"));
+    }
+    auto peer = Connect(*m_server);
+    QByteArray unknown;
+    QByteArray expected;
+    for (int i = 0; i < kRepeats; ++i) {
+        unknown += Hex("00000007a14900");
+        expected += Hex("0000000ba1490180000000");
+    }
+    EXPECT_EQ(Exchange(*peer, unknown, expected.size()), expected);
+
+    const auto count = static_cast<size_t>(kRepeats);
+    EXPECT_EQ(m_log->Count("IpcClient is NULL"), count);
+    EXPECT_EQ(m_log->Count("Data received is empty"), count);
+    EXPECT_EQ(m_log->Count(
+                  "Data received is incomplete: message length of 3 is less than minimum size 7"),
+              count);
+    EXPECT_EQ(m_log->Count("Skipping message: Message type 1 isn't a request"), count);
+    EXPECT_EQ(m_log->Count("Skipping message: Uknown command 41289, malformed message"), count);
+    EXPECT_EQ(m_log->Lines().size(), 5 * count);
+    for (const auto& line : m_log->Lines()) {
+        EXPECT_EQ(line.group, EGroupValueWarning);
+        EXPECT_EQ(line.message.rfind("WARNING --", 0), std::string::npos) << line.message;
+    }
+}
+
+TEST_F(IpcServerTest, UnsentRepliesAreToldEveryTime)
+{
+    const int kRepeats = 7;
+    EXPECT_CALL(*m_manager, DestroyConference()).Times(kRepeats).WillRepeatedly(Return(0));
+    IpcClient unconnected;
+    // The other lines of this path are limited as usual; a thread of its own
+    // keeps their count away from the other tests'.
+    std::unique_ptr<QThread> thread(QThread::create([&] {
+        for (int i = 0; i < kRepeats; ++i) {
+            m_server->onRecv(&unconnected, Request(DestroyConference));
+        }
+    }));
+    thread->start();
+    ASSERT_TRUE(thread->wait(10000));
+    EXPECT_EQ(m_log->Count("Unable to send reply for command: 41279"),
+              static_cast<size_t>(kRepeats));
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Unable to send reply for command: 41279"));
 }
 
 TEST_F(IpcServerTest, AShortRequestReadsZerosPastItsEnd)
@@ -353,6 +420,8 @@ TEST_F(RelayIpcServerTest, RequestsThatNeedAnInterfaceGetTheGeneralFailure)
     EXPECT_EQ(Exchange(*peer, Request(DestroyConference), 11), Hex("0000000ba13f0180000000"));
     EXPECT_EQ(Exchange(*peer, Request(CreateExtendedPresentation), 11),
               Hex("0000000ba13e0180000000"));
+    EXPECT_EQ(Exchange(*peer, Request(DestroyExtendedPresentation), 11),
+              Hex("0000000ba1400180000000"));
     QByteArray resolution;
     IpcClient::BuildRequestMessage(&resolution, SetResolution, 1920, 1080, 250);
     EXPECT_EQ(Exchange(*peer, resolution, 11), Hex("0000000ba1440180000000"));

@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 namespace velorane::test {
 namespace {
 
@@ -32,6 +35,12 @@ TEST_F(MessageFormatTest, SetResolutionRequestIsTheSixteenBytesOfTheExample)
 {
     QByteArray message;
     IpcClient::BuildRequestMessage(&message, SetResolution, 1920, 1080, 250);
+    EXPECT_EQ(message, Hex("00000010" // size 16
+                           "a144"     // SetResolution
+                           "00"       // request
+                           "00000780" // width 1920
+                           "00000438" // height 1080
+                           "fa"));    // monitor tag 250
     EXPECT_EQ(message, Hex("00000010a144000000078000000438fa"));
     EXPECT_TRUE(m_log->Lines().empty());
 }
@@ -40,7 +49,11 @@ TEST_F(MessageFormatTest, SuccessfulSetResolutionReplyIsElevenBytes)
 {
     QByteArray reply;
     IpcClient::BuildReplyMessage(&reply, SetResolution, 0);
-    EXPECT_EQ(reply, Hex("0000000ba1440100000000"));
+    EXPECT_EQ(reply, Hex("0000000b"    // size 11
+                         "a144"        // SetResolution
+                         "01"          // reply
+                         "00000000")); // result: success
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(MessageFormatTest, CreateConferenceRequestCarriesWidthAndHeight)
@@ -95,17 +108,34 @@ TEST_F(MessageFormatTest, SetCursorCageEnableTwoIsWrittenAsOne)
 {
     QByteArray message;
     IpcClient::BuildRequestMessage(&message, SetCursorCage, 2, 5LL);
-    ASSERT_EQ(message.size(), 16);
-    EXPECT_EQ(static_cast<uint8_t>(message[7]), 1);
+    EXPECT_EQ(message, Hex("00000010"            // size 16
+                           "a143"                // SetCursorCage
+                           "00"                  // request
+                           "01"                  // enable, any non-zero is true
+                           "0000000000000005")); // window id
+    QByteArray disabled;
+    IpcClient::BuildRequestMessage(&disabled, SetCursorCage, 0, -1LL);
+    EXPECT_EQ(disabled, Hex("00000010a14300"
+                            "00"
+                            "ffffffffffffffff"));
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(MessageFormatTest, SetResolutionTagIsOneByteAndTheSizeSixteen)
 {
     QByteArray message;
     IpcClient::BuildRequestMessage(&message, SetResolution, 640, 480, 250);
-    ASSERT_EQ(message.size(), 16);
-    EXPECT_EQ(message.left(4), Hex("00000010"));
-    EXPECT_EQ(static_cast<uint8_t>(message[15]), 0xFA);
+    EXPECT_EQ(message, Hex("00000010" // size 16, not 19: the tag is one byte
+                           "a144"     // SetResolution
+                           "00"       // request
+                           "00000280" // width 640
+                           "000001e0" // height 480
+                           "fa"));    // tag 250
+    // The tag is narrowed to a signed byte: 506 keeps its low byte.
+    QByteArray narrowed;
+    IpcClient::BuildRequestMessage(&narrowed, SetResolution, 640, 480, 0x1FA);
+    EXPECT_EQ(narrowed, message);
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(MessageFormatTest, UnknownCommandsLeaveAnEmptyMessageAndAreLoggedUnsigned)
@@ -118,7 +148,8 @@ TEST_F(MessageFormatTest, UnknownCommandsLeaveAnEmptyMessageAndAreLoggedUnsigned
     };
     for (const auto& [number, text] : cases) {
         m_log->Clear();
-        QByteArray message;
+        // Whatever the array held goes: an empty array is the only sign.
+        QByteArray message = Hex("0102");
         IpcClient::BuildRequestMessage(&message, static_cast<Command>(number));
         EXPECT_TRUE(message.isEmpty()) << number;
         const auto lines = m_log->Lines();
@@ -165,6 +196,7 @@ TEST_F(MessageFormatTest, RepliesWithoutPayloadAreElevenBytesWithTheResult)
 {
     const Command commands[] = {CreateConference,  CreateExtendedPresentation,
                                 DestroyConference, DestroyExtendedPresentation,
+                                ReservedRect,      ReservedEmpty,
                                 SetResolution,     QuitProcess};
     for (Command command : commands) {
         QByteArray reply;
@@ -174,6 +206,19 @@ TEST_F(MessageFormatTest, RepliesWithoutPayloadAreElevenBytesWithTheResult)
         expected.append(Hex("0180000000"));
         EXPECT_EQ(reply, expected) << command;
     }
+    EXPECT_TRUE(m_log->Lines().empty());
+}
+
+TEST_F(MessageFormatTest, TheSuccessfulSetResolutionReplyOfTheExampleParses)
+{
+    QByteArray reply = Hex("0000000b"   // size 11
+                           "a144"       // SetResolution
+                           "01"         // reply
+                           "00000000"); // result: success
+    int result = -1;
+    EXPECT_TRUE(IpcClient::ParseReplyMessage(&reply, &result));
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(m_log->Lines().empty());
 }
 
 TEST_F(MessageFormatTest, SetCursorCageReplyCarriesTheRectangle)
@@ -226,6 +271,9 @@ TEST_F(MessageFormatTest, ParseRefusesASixByteArrayOnTheMinimumSize)
     int result = 5;
     EXPECT_FALSE(IpcClient::ParseReplyMessage(&reply, &result));
     EXPECT_EQ(result, 5);
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{
+                  "Reply message is malformed. Size of message 6 is less than minimum size 7"});
     EXPECT_TRUE(m_log->Contains(
         EGroupValueWarning,
         "Reply message is malformed. Size of message 6 is less than minimum size 7"));
@@ -234,8 +282,12 @@ TEST_F(MessageFormatTest, ParseRefusesASixByteArrayOnTheMinimumSize)
 TEST_F(MessageFormatTest, ParseRefusesASizeThatDiffersFromTheArray)
 {
     QByteArray reply = Hex("0000000ca1440100000000");
-    int result = 0;
+    int result = 5;
     EXPECT_FALSE(IpcClient::ParseReplyMessage(&reply, &result));
+    EXPECT_EQ(result, 5);
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"Reply message is malformed. Size of message 11 isn't "
+                                       "equal to size specified in message header 12"});
     EXPECT_TRUE(m_log->Contains(EGroupValueWarning,
                                 "Reply message is malformed. Size of message 11 isn't equal to "
                                 "size specified in message header 12"));
@@ -245,8 +297,11 @@ TEST_F(MessageFormatTest, ParseRefusesARequest)
 {
     QByteArray request;
     IpcClient::BuildRequestMessage(&request, SetResolution, 1920, 1080, 250);
-    int result = 0;
+    int result = 5;
     EXPECT_FALSE(IpcClient::ParseReplyMessage(&request, &result));
+    EXPECT_EQ(result, 5);
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"Reply message is the wrong message type 0"});
     EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Reply message is the wrong message type 0"));
 }
 
@@ -325,6 +380,8 @@ TEST_F(MessageFormatTest, ParseDataNeedsSevenBytesWhateverTheyHold)
     int size = -7;
     EXPECT_FALSE(client.ParseData(Hex("000000000000"), size));
     EXPECT_FALSE(client.ParseData(Hex("00000006a144"), size));
+    EXPECT_FALSE(client.ParseData(Hex("ffffffffffff"), size));
+    EXPECT_FALSE(client.ParseData(QByteArray(), size));
     EXPECT_EQ(size, -7);
 }
 

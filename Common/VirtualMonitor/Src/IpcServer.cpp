@@ -70,28 +70,31 @@ void IpcServer::onDisconnected(IpcClient* client)
     }
 }
 
+// The warnings of the receive path go past the logger's rate limit: every
+// malformed message or lost reply from a peer is told, however many come.
 void IpcServer::SendReply(IpcClient* client, const QByteArray& reply, uint16_t command)
 {
     if (!client->SendReply(reply)) {
-        VLOG(EGroupValueWarning, "Unable to send reply for command: %hu",
-             static_cast<unsigned short>(command));
+        VLOG_BYPASS(EGroupValueWarning, 0, "Unable to send reply for command: %hu",
+                    static_cast<unsigned short>(command));
     }
 }
 
 void IpcServer::onRecv(IpcClient* client, const QByteArray& data)
 {
     if (!client) {
-        VLOG(EGroupValueWarning, "IpcClient is NULL");
+        VLOG_BYPASS(EGroupValueWarning, 0, "IpcClient is NULL");
         return;
     }
     if (data.isEmpty()) {
-        VLOG(EGroupValueWarning, "Data received is empty");
+        VLOG_BYPASS(EGroupValueWarning, 0, "Data received is empty");
         return;
     }
     if (data.size() < kHeaderSize) {
-        VLOG(EGroupValueWarning,
-             "Data received is incomplete: message length of %d is less than minimum size %d",
-             data.size(), kHeaderSize);
+        VLOG_BYPASS(
+            EGroupValueWarning, 0,
+            "Data received is incomplete: message length of %d is less than minimum size %d",
+            data.size(), kHeaderSize);
         return;
     }
 
@@ -103,8 +106,8 @@ void IpcServer::onRecv(IpcClient* client, const QByteArray& data)
     stream >> size >> rawCommand >> messageType;
     const auto command = static_cast<uint16_t>(rawCommand);
     if (messageType != kMessageTypeRequest) {
-        VLOG(EGroupValueWarning, "Skipping message: Message type %hhu isn't a request",
-             static_cast<unsigned char>(messageType));
+        VLOG_BYPASS(EGroupValueWarning, 0, "Skipping message: Message type %hhu isn't a request",
+                    static_cast<unsigned char>(messageType));
         return;
     }
 
@@ -183,8 +186,9 @@ void IpcServer::onRecv(IpcClient* client, const QByteArray& data)
         result = ResultGeneralFailure;
         break;
     default:
-        VLOG(EGroupValueWarning, "Skipping message: Uknown command %hu, malformed message",
-             static_cast<unsigned short>(command));
+        VLOG_BYPASS(EGroupValueWarning, 0,
+                    "Skipping message: Uknown command %hu, malformed message",
+                    static_cast<unsigned short>(command));
         result = ResultGeneralFailure;
         break;
     }
