@@ -235,8 +235,11 @@ void RelayWindow::ReceiveFrame(const QByteArray& data)
     stream >> frameNumber >> length;
 
     int32_t& previous = PreviousFrameNumber();
-    // Out-of-order frames are reported, never dropped.
-    if (previous != -1 && static_cast<int64_t>(frameNumber) - 1 != previous) {
+    // Out-of-order frames are reported, never dropped. Frame numbers wrap
+    // around at 32 bits: the one after INT32_MAX is INT32_MIN. The step back
+    // is taken in unsigned arithmetic, where the wrap is defined.
+    if (previous != -1 &&
+        static_cast<uint32_t>(frameNumber) - 1u != static_cast<uint32_t>(previous)) {
         VLOG(EGroupValueWarning, "Frame out of order: previous=[%d] current=[%d]", previous,
              frameNumber);
     }

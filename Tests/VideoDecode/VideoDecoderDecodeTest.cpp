@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ctime>
+#include <thread>
+
+#include <pthread.h>
 
 using namespace quorvan;
 using namespace velorane::test;
@@ -171,6 +175,54 @@ TEST(VideoDecoderStepTest, LoopSleepsOnlyWhenNeitherStepDidAnything)
     decoder->Stop();
     // The decoder was still holding a packet when the parser offered more.
     EXPECT_GE(capture->Count("VideoDecoder: breaking to receive frames!"), 1u);
+}
+
+// The CPU time the decoder thread has used so far.
+std::chrono::nanoseconds DecoderThreadCpuTime(VideoDecoder& decoder)
+{
+    clockid_t clock = 0;
+    EXPECT_EQ(pthread_getcpuclockid(Access::ThreadHandle(decoder), &clock), 0);
+    timespec now{};
+    EXPECT_EQ(clock_gettime(clock, &now), 0);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+TEST(VideoDecoderStepTest, IdleLoopSleepsInTheQueueWait)
+{
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    // With the queue empty and nothing inside the decoder, neither step has
+    // anything to do.
+    ASSERT_FALSE(Access::ParseDecodePackets(*decoder));
+    ASSERT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+
+    decoder->Start();
+    ASSERT_TRUE(capture->WaitFor("VideoDecoder: enter decoding thread", std::chrono::seconds(5)));
+    const auto cpuBefore = DecoderThreadCpuTime(*decoder);
+    const auto wallBefore = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    const auto cpu = DecoderThreadCpuTime(*decoder) - cpuBefore;
+    const auto wall = std::chrono::steady_clock::now() - wallBefore;
+
+    // Each pass ends in the queue's one-second wait, so the thread makes a
+    // pass or two and is asleep the rest of the time. A loop that went round
+    // without waiting would use the thread's CPU for nearly all of it.
+    EXPECT_LT(cpu, wall / 10) << "the idle decoder thread used "
+                              << std::chrono::duration_cast<std::chrono::milliseconds>(cpu).count()
+                              << " ms of CPU in "
+                              << std::chrono::duration_cast<std::chrono::milliseconds>(wall).count()
+                              << " ms";
+    decoder->Stop();
+    EXPECT_EQ(recorder.Count(), 0u);
+    EXPECT_EQ(capture->Count("VideoDecoder: exit decoding thread"), 1u);
+    // The decoder's lines go to the information group.
+    EXPECT_TRUE(capture->Contains(EGroupValueInformation, "VideoDecoder: enter decoding thread"));
+    EXPECT_TRUE(capture->Contains(EGroupValueInformation, "VideoDecoder: exit decoding thread"));
+    EXPECT_TRUE(
+        capture->Contains(EGroupValueInformation, "VideoDecoder: software decoder initialized"));
 }
 
 TEST(VideoDecoderStepTest, SoftwareDecodeErrorLosesThePacketAndGoesOn)

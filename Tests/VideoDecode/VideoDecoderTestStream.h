@@ -12,6 +12,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace quorvan {
@@ -57,6 +59,17 @@ public:
         return decoder.m_hardwareTypeName;
     }
     static int32_t CodecId(VideoDecoder& decoder) { return decoder.m_codecId; }
+    // Replaces the probing calls of a decoder that was made with the default
+    // ones, for instance to see whether it probes again.
+    static void SetProbe(VideoDecoder& decoder, HardwareProbe probe)
+    {
+        decoder.m_probe = std::move(probe);
+    }
+    // The decoder thread, while it runs; for its CPU clock.
+    static std::thread::native_handle_type ThreadHandle(VideoDecoder& decoder)
+    {
+        return decoder.m_thread.native_handle();
+    }
     static const std::string& CodecName(VideoDecoder& decoder) { return decoder.m_codecName; }
 };
 

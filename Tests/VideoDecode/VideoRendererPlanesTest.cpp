@@ -46,14 +46,31 @@ TEST(VideoRendererPlanesTest, ThreePlanesAreCopiedWholeRowsAndAskForTheSoftwareS
 TEST(VideoRendererPlanesTest, TwoPlanesLeaveTheThirdArrayAndKeepItsStride)
 {
     VideoRendererPlanes planes(16, 8);
-    int stride[3] = {16, 16, 0};
-    std::vector<uint8_t> y(16 * 8, 1), uv(16 * 4, 2);
+    // A three-plane picture first, so the third array holds a picture of its
+    // own: 8 by 4 bytes of chroma, each byte different.
+    int threeStrides[3] = {16, 8, 8};
+    std::vector<uint8_t> y3(16 * 8, 1), u3(8 * 4, 2), v3(8 * 4);
+    for (size_t i = 0; i < v3.size(); ++i) {
+        v3[i] = static_cast<uint8_t>(0x40 + i);
+    }
+    planes.CopyFrom(16, 8, threeStrides, y3.data(), u3.data(), v3.data());
+    const QByteArray vBefore = planes.VData();
+    ASSERT_EQ(vBefore.size(), 8 * 4);
+    ASSERT_EQ(vBefore.left(8 * 4), QByteArray(reinterpret_cast<const char*>(v3.data()), 8 * 4));
+
+    // Then two planes, with a third stride that no plane backs.
+    int stride[3] = {16, 16, 123};
+    std::vector<uint8_t> y(16 * 8, 5), uv(16 * 4, 6);
     planes.CopyFrom(16, 8, stride, y.data(), uv.data(), nullptr);
 
     EXPECT_EQ(planes.WantedShader(), ShaderHardware);
-    EXPECT_EQ(planes.Stride(2), 0);
-    EXPECT_EQ(planes.VData().size(), 8 * 8 / 2);
-    EXPECT_EQ(planes.VData().count('\0'), 8 * 8 / 2);
+    EXPECT_EQ(planes.Stride(0), 16);
+    EXPECT_EQ(planes.Stride(1), 16);
+    EXPECT_EQ(planes.Stride(2), 123);
+    EXPECT_EQ(planes.YData().count('\5'), 16 * 8);
+    EXPECT_EQ(planes.UData().left(16 * 4).count('\6'), 16 * 4);
+    // The third array is neither resized for the stride nor written.
+    EXPECT_EQ(planes.VData(), vBefore);
 }
 
 TEST(VideoRendererPlanesTest, ArraysOnlyGrow)
