@@ -95,6 +95,24 @@ protected:
     std::unique_ptr<ScriptedLocalServer> m_server;
 };
 
+// SetResolution(1280, 720, 250), then CreateConference(1280, 720), each a
+// request of its own: size, command, type 0 (request), payload.
+std::vector<Bytes> SetUpRequests()
+{
+    return {HexBytes("00000010a144"
+                     "00"
+                     "00000500"
+                     "000002d0"
+                     "fa"),
+            HexBytes("0000000fa13d0000000500000002d0")};
+}
+
+// DestroyConference: size 7, command 0xA13F, type 0, no payload.
+Bytes TakeDownRequest()
+{
+    return HexBytes("00000007a13f00");
+}
+
 TEST_F(RelayWindowMonitorTest, TheWindowOwnsItsMonitorAndAStoppedCalibrationPoll)
 {
     RelayWindow window(Config(true));
@@ -111,18 +129,13 @@ TEST_F(RelayWindowMonitorTest, InitializeBringsTheMonitorUpAndTerminateTakesItDo
     RelayWindow window(Config(true));
     EXPECT_EQ(window.Initialize(), 0);
     EXPECT_TRUE(window.Monitor()->ConferenceCreated());
-    EXPECT_EQ(Requests(), (std::vector<Bytes>{HexBytes("00000010a144"
-                                                       "00"
-                                                       "00000500"
-                                                       "000002d0"
-                                                       "fa"),
-                                              HexBytes("0000000fa13d0000000500000002d0")}));
+    EXPECT_EQ(Requests(), SetUpRequests());
     EXPECT_FALSE(window.CalibrateTimer()->isActive());
 
     EXPECT_EQ(window.Terminate(), 0);
     EXPECT_FALSE(window.Monitor()->ConferenceCreated());
     ASSERT_EQ(Requests().size(), 3u);
-    EXPECT_EQ(Requests()[2], HexBytes("00000007a13f00"));
+    EXPECT_EQ(Requests()[2], TakeDownRequest());
 }
 
 TEST_F(RelayWindowMonitorTest, ARefusedTakeDownIsLoggedAndTheShutdownGoesOn)
@@ -176,18 +189,13 @@ TEST_F(RelayWindowMonitorTest, StandaloneListensAndSetsTheMonitorUpWhenTheProces
     RawLocalClient process(m_dir.File("CONFERENCE_SERVER"));
     ASSERT_TRUE(process.Connected());
     ASSERT_TRUE(WaitUntil([&] { return Requests().size() == 2u; }, 5s));
-    EXPECT_EQ(Requests(), (std::vector<Bytes>{HexBytes("00000010a144"
-                                                       "00"
-                                                       "00000500"
-                                                       "000002d0"
-                                                       "fa"),
-                                              HexBytes("0000000fa13d0000000500000002d0")}));
+    EXPECT_EQ(Requests(), SetUpRequests());
     EXPECT_TRUE(window.Monitor()->ConferenceCreated());
 
     EXPECT_EQ(window.Terminate(), 0);
     EXPECT_FALSE(window.Monitor()->ConferenceCreated());
     ASSERT_EQ(Requests().size(), 3u);
-    EXPECT_EQ(Requests()[2], HexBytes("00000007a13f00"));
+    EXPECT_EQ(Requests()[2], TakeDownRequest());
 }
 
 TEST_F(RelayWindowMonitorTest, WithoutTheMonitorNothingIsAskedOfTheVirtualDisplay)
