@@ -211,6 +211,19 @@ protected:
     PrivateDisplay m_display;
     EndToEndScene m_scene;
     int m_base = -1;
+
+    // The window shows the bars and the picture moves (the box and the
+    // number), within the time given.
+    void ExpectMovingPicture(std::chrono::seconds timeout)
+    {
+        QImage first;
+        QImage second;
+        GrabUntilMoving(m_scene, m_display.Name(), &m_grabs, timeout, &first, &second);
+        EXPECT_EQ(BarsShown(first), 8) << m_scene.LogText();
+        EXPECT_EQ(BarsShown(second), 8);
+        EXPECT_GT(PixelsChanged(first, second), 100) << m_scene.LogText();
+    }
+
     int m_grabs = 0;
 };
 
@@ -225,12 +238,7 @@ TEST_F(RelayPictureEndToEndTest, PulledPictureShowsTheTestPattern)
     // server's black background.
     EXPECT_EQ(screen.pixelColor(kWidth + 20, kHeight + 20), QColor(Qt::black));
     // The picture is live: the box and the number move.
-    QImage first;
-    QImage second;
-    GrabUntilMoving(m_scene, m_display.Name(), &m_grabs, 10s, &first, &second);
-    EXPECT_EQ(BarsShown(first), 8);
-    EXPECT_EQ(BarsShown(second), 8);
-    EXPECT_GT(PixelsChanged(first, second), 100);
+    ExpectMovingPicture(10s);
 }
 
 TEST_F(RelayPictureEndToEndTest, SizeChangeMidStreamKeepsThePicture)
@@ -255,12 +263,7 @@ TEST_F(RelayPictureEndToEndTest, SizeChangeMidStreamKeepsThePicture)
     }
     ASSERT_EQ(decoders(), 2u) << m_scene.LogText();
     // The new decoder's pictures fill the same window and keep moving.
-    QImage first;
-    QImage second;
-    GrabUntilMoving(m_scene, m_display.Name(), &m_grabs, 10s, &first, &second);
-    EXPECT_EQ(BarsShown(first), 8);
-    EXPECT_EQ(BarsShown(second), 8);
-    EXPECT_GT(PixelsChanged(first, second), 100);
+    ExpectMovingPicture(10s);
 }
 
 TEST_F(RelayPictureEndToEndTest, ClientPixelsReplaceThePull)
@@ -274,12 +277,7 @@ TEST_F(RelayPictureEndToEndTest, ClientPixelsReplaceThePull)
     // The Kyr's answers still on the way may switch the size back and forth
     // for a moment, and each new decoder waits for the client's next IDR
     // picture (one every 30, two seconds): look until the picture moves.
-    QImage first;
-    QImage second;
-    GrabUntilMoving(m_scene, m_display.Name(), &m_grabs, 12s, &first, &second);
-    EXPECT_EQ(BarsShown(first), 8) << m_scene.LogText();
-    EXPECT_EQ(BarsShown(second), 8);
-    EXPECT_GT(PixelsChanged(first, second), 100) << m_scene.LogText();
+    ExpectMovingPicture(12s);
     // Nothing was asked of the Kyr after the stop command.
     const auto kyr = m_scene.KyrRecords();
     const auto stop = std::find(kyr.begin(), kyr.end(), "request 9945febb34ef000000000000");
