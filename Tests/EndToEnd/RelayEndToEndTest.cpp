@@ -156,7 +156,7 @@ TEST(RelayEndToEndTest, StartScrapePullsFramesUntilKill)
     EndToEndScene scene;
     const int base = EndToEndScene::FreeBasePort();
     ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
-    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:1000", "kill"}, TcpRelayArguments(base)));
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:2000", "kill"}, TcpRelayArguments(base)));
     int code = -1;
     ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
     EXPECT_EQ(code, 0) << scene.Client().Output();
@@ -166,10 +166,12 @@ TEST(RelayEndToEndTest, StartScrapePullsFramesUntilKill)
     // Length 6, little-endian, then "secret".
     EXPECT_EQ(kyr[0], "password 06000000736563726574");
     EXPECT_EQ(kyr[1], kStartVideo);
-    // One request every 66 ms for about a second, whatever the answers do.
+    // One request every 66 ms for about two seconds, whatever the answers
+    // do: 30 on time. The bounds leave room for a machine so loaded (the
+    // sanitizer tree beside other tests) that the GUI thread falls behind.
     const size_t requests = CountPrefix(kyr, kRequestFrame);
     EXPECT_GE(requests, 8u);
-    EXPECT_LE(requests, 25u);
+    EXPECT_LE(requests, 40u);
     for (size_t i = 2; i < kyr.size(); ++i) {
         EXPECT_TRUE(kyr[i] == kRequestFrame || kyr[i] == "closed") << kyr[i];
     }

@@ -111,7 +111,7 @@ TEST(RelayMonitorEndToEndTest, WithoutTheDisplayProcessTheRelayLogsAndGoesOn)
     EndToEndScene scene;
     const int base = EndToEndScene::FreeBasePort();
     ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret"}));
-    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:1500", "kill"}, RelayArguments(base)));
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:2500", "kill"}, RelayArguments(base)));
     int code = -1;
     ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
     EXPECT_EQ(code, 0);
