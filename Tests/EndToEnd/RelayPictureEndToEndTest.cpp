@@ -46,13 +46,17 @@ public:
         for (int attempt = 0; attempt < 20; ++attempt) {
             const int number = 400 + (getpid() + attempt * 37) % 500;
             const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
-            struct stat info{};
+            struct stat info
+            {
+            };
             if (stat(socket.c_str(), &info) == 0) {
                 continue;
             }
             ChildProcess::Options options;
-            options.argv = {XvfbPath(), ":" + std::to_string(number), "-screen", "0", "1280x720x24",
-                            "-nolisten", "tcp", "-br"};
+            options.argv = {XvfbPath(),    ":" + std::to_string(number),
+                            "-screen",     "0",
+                            "1280x720x24", "-nolisten",
+                            "tcp",         "-br"};
             options.outputFile = folder + "/xvfb.out";
             if (!m_server.Start(options)) {
                 return false;
@@ -188,12 +192,18 @@ bool WaitForLog(EndToEndScene& scene, const std::string& text, std::chrono::seco
 
 std::vector<std::string> Relay(int basePort)
 {
-    return {"-t",          "-m",
-            "--kyrIp",     "127.0.0.1",
-            "--relayPort", std::to_string(basePort),
-            "--relayPassword", "secret",
-            "--width",     std::to_string(kWidth),
-            "--height",    std::to_string(kHeight)};
+    return {"-t",
+            "-m",
+            "--kyrIp",
+            "127.0.0.1",
+            "--relayPort",
+            std::to_string(basePort),
+            "--relayPassword",
+            "secret",
+            "--width",
+            std::to_string(kWidth),
+            "--height",
+            std::to_string(kHeight)};
 }
 
 class RelayPictureEndToEndTest : public ::testing::Test
@@ -251,7 +261,8 @@ TEST_F(RelayPictureEndToEndTest, SizeChangeMidStreamKeepsThePicture)
     const auto decoders = [this] {
         const std::string log = m_scene.LogText();
         size_t count = 0;
-        for (size_t at = log.find("\tVideoDecoder: selected codec: h264\t"); at != std::string::npos;
+        for (size_t at = log.find("\tVideoDecoder: selected codec: h264\t");
+             at != std::string::npos;
              at = log.find("\tVideoDecoder: selected codec: h264\t", at + 1)) {
             ++count;
         }

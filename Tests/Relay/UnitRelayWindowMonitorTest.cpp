@@ -38,6 +38,24 @@ Bytes HexBytes(const char* hex)
     return Bytes(bytes.begin(), bytes.end());
 }
 
+// SetResolution(1280, 720, 250), then CreateConference(1280, 720), each a
+// request of its own: size, command, type 0 (request), payload.
+std::vector<Bytes> SetUpRequests()
+{
+    return {HexBytes("00000010a144"
+                     "00"
+                     "00000500"
+                     "000002d0"
+                     "fa"),
+            HexBytes("0000000fa13d0000000500000002d0")};
+}
+
+// DestroyConference: size 7, command 0xA13F, type 0, no payload.
+Bytes TakeDownRequest()
+{
+    return HexBytes("00000007a13f00");
+}
+
 class RelayWindowMonitorTest : public ::testing::Test
 {
 protected:
@@ -69,6 +87,15 @@ protected:
         return requests;
     }
 
+    // Terminate takes the conference down with one more request, the third.
+    void ExpectTakenDown(RelayWindow& window)
+    {
+        EXPECT_EQ(window.Terminate(), 0);
+        EXPECT_FALSE(window.Monitor()->ConferenceCreated());
+        ASSERT_EQ(Requests().size(), 3u);
+        EXPECT_EQ(Requests()[2], TakeDownRequest());
+    }
+
     std::vector<std::string> WindowMessages()
     {
         std::vector<std::string> messages;
@@ -95,24 +122,6 @@ protected:
     std::unique_ptr<ScriptedLocalServer> m_server;
 };
 
-// SetResolution(1280, 720, 250), then CreateConference(1280, 720), each a
-// request of its own: size, command, type 0 (request), payload.
-std::vector<Bytes> SetUpRequests()
-{
-    return {HexBytes("00000010a144"
-                     "00"
-                     "00000500"
-                     "000002d0"
-                     "fa"),
-            HexBytes("0000000fa13d0000000500000002d0")};
-}
-
-// DestroyConference: size 7, command 0xA13F, type 0, no payload.
-Bytes TakeDownRequest()
-{
-    return HexBytes("00000007a13f00");
-}
-
 TEST_F(RelayWindowMonitorTest, TheWindowOwnsItsMonitorAndAStoppedCalibrationPoll)
 {
     RelayWindow window(Config(true));
@@ -132,10 +141,7 @@ TEST_F(RelayWindowMonitorTest, InitializeBringsTheMonitorUpAndTerminateTakesItDo
     EXPECT_EQ(Requests(), SetUpRequests());
     EXPECT_FALSE(window.CalibrateTimer()->isActive());
 
-    EXPECT_EQ(window.Terminate(), 0);
-    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
-    ASSERT_EQ(Requests().size(), 3u);
-    EXPECT_EQ(Requests()[2], TakeDownRequest());
+    ExpectTakenDown(window);
 }
 
 TEST_F(RelayWindowMonitorTest, ARefusedTakeDownIsLoggedAndTheShutdownGoesOn)
@@ -192,10 +198,7 @@ TEST_F(RelayWindowMonitorTest, StandaloneListensAndSetsTheMonitorUpWhenTheProces
     EXPECT_EQ(Requests(), SetUpRequests());
     EXPECT_TRUE(window.Monitor()->ConferenceCreated());
 
-    EXPECT_EQ(window.Terminate(), 0);
-    EXPECT_FALSE(window.Monitor()->ConferenceCreated());
-    ASSERT_EQ(Requests().size(), 3u);
-    EXPECT_EQ(Requests()[2], TakeDownRequest());
+    ExpectTakenDown(window);
 }
 
 TEST_F(RelayWindowMonitorTest, WithoutTheMonitorNothingIsAskedOfTheVirtualDisplay)

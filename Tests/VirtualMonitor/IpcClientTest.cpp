@@ -52,6 +52,17 @@ protected:
         EXPECT_TRUE(server->Listening());
         return server;
     }
+
+    // Sends the SetResolution request of the example in blocking mode and
+    // answers SendRequestBlocking's result; *elapsedMs is how long it took.
+    static bool SendTimed(IpcClient& client, QByteArray* received, qint64* elapsedMs)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        const bool sent = client.SendRequestBlocking(SetResolutionRequest(), received);
+        *elapsedMs = timer.elapsed();
+        return sent;
+    }
 };
 
 TEST_F(IpcClientTest, AnUninitialisedInstanceRefusesEveryOperation)
@@ -139,11 +150,10 @@ TEST_F(IpcClientTest, AReplySplitOverTwoWritesIsAssembled)
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received;
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_TRUE(client.SendRequestBlocking(SetResolutionRequest(), &received));
-    EXPECT_GE(timer.elapsed(), 250);
-    EXPECT_LT(timer.elapsed(), 4000);
+    qint64 elapsed = 0;
+    EXPECT_TRUE(SendTimed(client, &received, &elapsed));
+    EXPECT_GE(elapsed, 250);
+    EXPECT_LT(elapsed, 4000);
     EXPECT_EQ(received, kSetResolutionReply);
     EXPECT_TRUE(m_log->Lines().empty());
 }
@@ -156,11 +166,10 @@ TEST_F(IpcClientTest, ASilentServerTimesOutAfterFiveSecondsAndIsDisconnected)
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received = Hex("aa");
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_FALSE(client.SendRequestBlocking(SetResolutionRequest(), &received));
-    EXPECT_GE(timer.elapsed(), 4900);
-    EXPECT_LT(timer.elapsed(), 8000);
+    qint64 elapsed = 0;
+    EXPECT_FALSE(SendTimed(client, &received, &elapsed));
+    EXPECT_GE(elapsed, 4900);
+    EXPECT_LT(elapsed, 8000);
     EXPECT_EQ(received, Hex("aa"));
     EXPECT_EQ(m_log->Messages(), std::vector<std::string>{"IpcClient timed out waiting for reply"});
     EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "IpcClient timed out waiting for reply"));
@@ -178,11 +187,10 @@ TEST_F(IpcClientTest, AReplyCutShortTimesOutWithTheSecondTextAndAnEmptyReply)
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received = Hex("aa");
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_FALSE(client.SendRequestBlocking(SetResolutionRequest(), &received));
-    EXPECT_GE(timer.elapsed(), 4900);
-    EXPECT_LT(timer.elapsed(), 8000);
+    qint64 elapsed = 0;
+    EXPECT_FALSE(SendTimed(client, &received, &elapsed));
+    EXPECT_GE(elapsed, 4900);
+    EXPECT_LT(elapsed, 8000);
     EXPECT_TRUE(received.isEmpty());
     EXPECT_EQ(m_log->Messages(),
               std::vector<std::string>{"IpcClint timed out waiting for reply from server"});
@@ -199,10 +207,9 @@ TEST_F(IpcClientTest, TwoRepliesInOneWriteAreReturnedTogetherAndRefusedByThePars
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received;
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_TRUE(client.SendRequestBlocking(SetResolutionRequest(), &received));
-    EXPECT_LT(timer.elapsed(), 4000);
+    qint64 elapsed = 0;
+    EXPECT_TRUE(SendTimed(client, &received, &elapsed));
+    EXPECT_LT(elapsed, 4000);
     EXPECT_EQ(received, twice);
     EXPECT_TRUE(m_log->Lines().empty());
     int result = 5;
@@ -220,10 +227,9 @@ TEST_F(IpcClientTest, AReplyAnnouncingSizeZeroEndsTheWaitAndFailsToParse)
     IpcClient client(QString::fromLatin1(kServerName), nullptr);
     ASSERT_TRUE(client.ConnectToServer(5000));
     QByteArray received;
-    QElapsedTimer timer;
-    timer.start();
-    EXPECT_TRUE(client.SendRequestBlocking(SetResolutionRequest(), &received));
-    EXPECT_LT(timer.elapsed(), 4000);
+    qint64 elapsed = 0;
+    EXPECT_TRUE(SendTimed(client, &received, &elapsed));
+    EXPECT_LT(elapsed, 4000);
     int result = 0;
     EXPECT_FALSE(IpcClient::ParseReplyMessage(&received, &result));
     EXPECT_TRUE(m_log->Contains(EGroupValueWarning,
