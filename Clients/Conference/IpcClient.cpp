@@ -3,6 +3,7 @@
 #include "Clients/Conference/ClientIpcCommands.h"
 #include "Clients/Conference/SharedConstants.h"
 #include "Common/Logger/Src/Logger.h"
+#include "Common/Platform/Linux/Src/LocalSocketPath.h"
 
 #include <QDataStream>
 #include <QElapsedTimer>
@@ -62,11 +63,14 @@ void IpcClient::ThreadStarted()
     // no reason to run. A socket file that isn't there yet fails at once on
     // this platform, so the attempt keeps asking until the budget is spent,
     // as a client that is still starting would expect.
+    // The name lives in the user's own runtime folder, not in the shared /tmp.
+    const QString serverPath =
+        QString::fromStdString(quorvan::platform::LocalSocketPath(kRelayServerName));
     QElapsedTimer elapsed;
     elapsed.start();
     bool connected = false;
     for (;;) {
-        m_socket->connectToServer(QString::fromLatin1(kRelayServerName), QIODevice::ReadWrite);
+        m_socket->connectToServer(serverPath, QIODevice::ReadWrite);
         const qint64 left = m_connectTimeoutMs - elapsed.elapsed();
         connected = m_socket->waitForConnected(static_cast<int>(qMax<qint64>(left, 0)));
         if (connected || elapsed.elapsed() + kConnectPollMs >= m_connectTimeoutMs) {

@@ -9,8 +9,9 @@ namespace clientsim {
 namespace {
 
 const char* const kDetails = R"(
-Holds the local socket "VELORANE_RELAY" (in the temporary folder, so TMPDIR
-moves it) like the client application does, then starts the relay program
+Holds the local socket "VELORANE_RELAY" (in $XDG_RUNTIME_DIR when it is set,
+else in $TMPDIR or /tmp, as the relay looks for it; the relay must see the
+same two variables) like the client application does, then starts the relay program
 if one follows "--". Once listening it prints
 "client-sim: listening on <socket path>".
 

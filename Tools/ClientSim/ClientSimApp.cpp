@@ -4,6 +4,7 @@
 #include "LinkConnection.h"
 #include "RelayLauncher.h"
 #include "ScriptRunner.h"
+#include "Tools/Common/LocalSocketFolder.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -38,8 +39,12 @@ bool ClientSimApp::Start(Recorder* recorder)
 {
     m_recorder = recorder;
     if (!m_options.noListen) {
-        QLocalServer::removeServer(QString::fromLatin1(kServerName));
-        if (!m_server.listen(QString::fromLatin1(kServerName))) {
+        // In the user's runtime folder, as the relay looks for it, and
+        // open to this user only.
+        const QString path = simcommon::LocalSocketPath(QString::fromLatin1(kServerName));
+        m_server.setSocketOptions(QLocalServer::UserAccessOption);
+        QLocalServer::removeServer(path);
+        if (!m_server.listen(path)) {
             PrintErr(QStringLiteral("can't listen on %1: %2")
                          .arg(QString::fromLatin1(kServerName), m_server.errorString()));
             return false;

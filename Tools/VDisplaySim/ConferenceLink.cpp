@@ -1,6 +1,7 @@
 #include "ConferenceLink.h"
 
 #include "Console.h"
+#include "Tools/Common/LocalSocketFolder.h"
 #include "Tools/Common/Recorder.h"
 
 namespace vdisplaysim {
@@ -20,7 +21,7 @@ ConferenceLink::ConferenceLink(const QString& serverName, Recorder* recorder, QO
 
 void ConferenceLink::Start()
 {
-    m_socket->connectToServer(m_serverName);
+    m_socket->connectToServer(simcommon::LocalSocketPath(m_serverName));
 }
 
 void ConferenceLink::OnConnected()

@@ -14,8 +14,8 @@ namespace {
 
 const char* const kDetails = R"(
 Plays the virtual display process: holds the local socket named
-VIRTUAL_MONITOR_SERVER (in the temporary folder, so TMPDIR moves it) and
-answers the relay's requests. Once listening it prints
+VIRTUAL_MONITOR_SERVER (in $XDG_RUNTIME_DIR when it is set, else in $TMPDIR
+or /tmp, as the relay looks for it) and answers the relay's requests. Once listening it prints
 "vdisplay-sim: listening on <name>".
 
 The relay starts the display process as "VeloraneVirtualDisplay -c" and

@@ -3,6 +3,7 @@
 #include "ConferenceLink.h"
 #include "Console.h"
 #include "DisplaySession.h"
+#include "Tools/Common/LocalSocketFolder.h"
 #include "Tools/Common/Recorder.h"
 
 #include <QCoreApplication>
@@ -50,8 +51,12 @@ bool VDisplaySimApp::Start(int* exitCode)
                        [this] { Exit(QStringLiteral("time-limit")); });
 
     // A socket file left by a copy that died would make listen fail.
-    QLocalServer::removeServer(m_options.serverName);
-    if (!m_server.listen(m_options.serverName)) {
+    // In the user's runtime folder, as the relay looks for it, and open to
+    // this user only.
+    const QString path = simcommon::LocalSocketPath(m_options.serverName);
+    m_server.setSocketOptions(QLocalServer::UserAccessOption);
+    QLocalServer::removeServer(path);
+    if (!m_server.listen(path)) {
         PrintErr(QStringLiteral("can't listen on %1: %2")
                      .arg(m_options.serverName, m_server.errorString()));
         *exitCode = 1;

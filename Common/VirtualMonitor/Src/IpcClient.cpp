@@ -1,6 +1,7 @@
 #include "Common/VirtualMonitor/Src/IpcClient.h"
 
 #include "Common/Logger/Src/Logger.h"
+#include "Common/Platform/Linux/Src/LocalSocketPath.h"
 
 #include <QElapsedTimer>
 #include <QLocalSocket>
@@ -32,7 +33,9 @@ void IpcClient::Initialize(const QString& serverName)
         return;
     }
     mSocket = new QLocalSocket(this);
-    mSocket->setServerName(serverName);
+    // A bare name lives in the user's own runtime folder.
+    mSocket->setServerName(
+        QString::fromStdString(quorvan::platform::LocalSocketPath(serverName.toStdString())));
     _Initialize();
 }
 
@@ -61,7 +64,9 @@ void IpcClient::_Initialize()
 
 QString IpcClient::ServerName() const
 {
-    return mSocket ? mSocket->serverName() : QString();
+    // The name without the folder it lives in.
+    const QString name = mSocket ? mSocket->serverName() : QString();
+    return name.mid(name.lastIndexOf(QLatin1Char('/')) + 1);
 }
 
 bool IpcClient::setAsynchronousMode()

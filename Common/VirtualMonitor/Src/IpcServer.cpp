@@ -1,6 +1,7 @@
 #include "Common/VirtualMonitor/Src/IpcServer.h"
 
 #include "Common/Logger/Src/Logger.h"
+#include "Common/Platform/Linux/Src/LocalSocketPath.h"
 #include "Common/VirtualMonitor/Src/IpcClient.h"
 #include "Common/VirtualMonitor/Src/ServerNames.h"
 
@@ -29,8 +30,12 @@ bool IpcServer::Initialize(const QString& serverName)
 {
     mServer = new QLocalServer(this);
     connect(mServer, &QLocalServer::newConnection, this, &IpcServer::onNewIncomingConnection);
-    QLocalServer::removeServer(serverName);
-    if (mServer->listen(serverName)) {
+    // In the user's own runtime folder, and for this user only.
+    const QString serverPath =
+        QString::fromStdString(quorvan::platform::LocalSocketPath(serverName.toStdString()));
+    mServer->setSocketOptions(QLocalServer::UserAccessOption);
+    QLocalServer::removeServer(serverPath);
+    if (mServer->listen(serverPath)) {
         return true;
     }
     const QAbstractSocket::SocketError error = mServer->serverError();
