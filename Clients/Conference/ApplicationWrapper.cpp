@@ -1,5 +1,6 @@
 #include "Clients/Conference/ApplicationWrapper.h"
 
+#include "Clients/Conference/Linux/TerminationSignalWatcher.h"
 #include "Clients/Conference/RelayWindow.h"
 #include "Common/Logger/Src/Logger.h"
 
@@ -18,6 +19,12 @@ ApplicationWrapper::ApplicationWrapper(const RelayConfig& config)
     : QObject(nullptr), m_config(config), m_relayWindow(new RelayWindow(config)),
       m_transportThread(new QThread(this))
 {
+    // First, so that a stop asked for while the parts start up waits in the
+    // watcher's pipe until the event loop runs.
+    m_terminationWatcher = new TerminationSignalWatcher(this);
+    connect(m_terminationWatcher, &TerminationSignalWatcher::SignalTerminationRequested, this,
+            &ApplicationWrapper::ExternalQuit);
+
     // The tunnel manager, the USB transport and the audio manager are made
     // here, in this order around the TCP transport and the IPC client, once
     // they land.
@@ -128,12 +135,20 @@ RESULT ApplicationWrapper::DisableRelayWindow()
 
 void ApplicationWrapper::InternalQuit()
 {
+    // A failure signal queued before the sequence disconnected its sender
+    // still arrives: it is not delivered to the sequence, nor logged.
+    if (m_quitting) {
+        return;
+    }
     VLOG(EGroupValueInformation, "Internally told to quit");
     QuitApplication(false);
 }
 
 void ApplicationWrapper::ExternalQuit()
 {
+    if (m_quitting) {
+        return;
+    }
     VLOG(EGroupValueInformation, "Externally told to quit.");
     QuitApplication(true);
 }

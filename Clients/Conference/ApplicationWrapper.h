@@ -28,6 +28,7 @@ class QThread;
 namespace quorvan::velorane::relay {
 
 class RelayWindow;
+class TerminationSignalWatcher;
 
 class ApplicationWrapper : public QObject
 {
@@ -62,6 +63,8 @@ private:
     QThread* m_transportThread;
     // A quit runs once; a late signal from a part being stopped is ignored.
     bool m_quitting = false;
+    // SIGTERM and SIGINT end the relay like the client's kill. Child of this.
+    TerminationSignalWatcher* m_terminationWatcher = nullptr;
 };
 
 } // namespace quorvan::velorane::relay
