@@ -2,6 +2,7 @@
 // event loop, and the way down again.
 
 #include "Clients/Conference/ApplicationWrapper.h"
+#include "Clients/Conference/Linux/DisplayEnvironment.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
 #include "Common/Logger/Linux/Src/LinuxDebugStore.h"
@@ -17,10 +18,12 @@
 #include <QByteArray>
 #include <QSharedPointer>
 
+#include <cstdio>
 #include <string>
 
 using namespace quorvan;
 using quorvan::velorane::relay::ApplicationWrapper;
+using quorvan::velorane::relay::MissingDisplayMessage;
 using quorvan::velorane::relay::RelayConfig;
 
 namespace {
@@ -77,6 +80,21 @@ int main(int argc, char** argv)
     }
 
     RegisterMetaTypes();
+    // Without a display QApplication would abort the process with Qt's text
+    // about platform plugins. Say what is missing instead, on standard error
+    // and in the log, and end with 1.
+    const std::string missingDisplay = MissingDisplayMessage();
+    if (!missingDisplay.empty()) {
+        std::fprintf(stderr, "%s\n", missingDisplay.c_str());
+        CRefCountPtr<FileStore> fileStore = StartLogging();
+        VLOG(EGroupValueInformation, "---------------START---------------");
+        VLOG(EGroupValueSevere, "%s", missingDisplay.c_str());
+        VLOG(EGroupValueInformation, "----------------END----------------");
+        if (fileStore) {
+            fileStore->Flush();
+        }
+        return 1;
+    }
     QApplication application(argc, argv);
     config.CompleteTunnelConfig();
 
