@@ -28,6 +28,9 @@ std::map<std::string, std::string> EndToEndScene::Environment() const
 {
     std::map<std::string, std::string> environment{
         {"TMPDIR", m_dir.File("tmp")},
+        // Local sockets go to the runtime folder when there is one: the
+        // scene's own, never the desktop session's.
+        {"XDG_RUNTIME_DIR", m_dir.File("tmp")},
         {"HOME", m_dir.File("home")},
         {"XDG_DATA_HOME", m_dir.File("data")},
         // The window needs no screen for these runs.
@@ -36,6 +39,9 @@ std::map<std::string, std::string> EndToEndScene::Environment() const
     if (!m_display.empty()) {
         environment["QT_QPA_PLATFORM"] = "xcb";
         environment["DISPLAY"] = m_display;
+    }
+    for (const auto& [name, value] : m_extraEnvironment) {
+        environment[name] = value;
     }
     // In the sanitizer tree the relay's window loads Mesa's GL driver, which
     // is unloaded at exit: what it keeps shows as leaks from an unknown

@@ -1,8 +1,9 @@
 #pragma once
 
-// One end-to-end scene: a private temporary folder (TMPDIR, HOME and the
-// data folder all inside it), a throw-away TLS certificate, and helpers to
-// start kyr-sim, client-sim and the relay as real processes.
+// One end-to-end scene: a private temporary folder (TMPDIR, the runtime
+// folder for local sockets, HOME and the data folder all inside it), a
+// throw-away TLS certificate, and helpers to start kyr-sim, client-sim and
+// the relay as real processes.
 
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TempDir.h"
@@ -24,6 +25,12 @@ public:
     // From now on the scene's processes show their windows on this X
     // display instead of the offscreen platform.
     void ShowOnDisplay(const std::string& display) { m_display = display; }
+    // From now on the scene's processes get this variable too (over the
+    // scene's own value of it).
+    void SetEnvironment(const std::string& name, const std::string& value)
+    {
+        m_extraEnvironment[name] = value;
+    }
 
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
@@ -69,6 +76,7 @@ private:
     ChildProcess m_relay;
     ChildProcess m_virtualDisplay;
     std::string m_display;
+    std::map<std::string, std::string> m_extraEnvironment;
 };
 
 std::vector<std::string> ReadLines(const std::string& path);

@@ -18,8 +18,8 @@ inline QString LocalSocketPath(const QString& name)
         return name;
     }
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    const QString folder = runtime.startsWith(QLatin1Char('/')) ? QDir::cleanPath(runtime)
-                                                                 : QDir::tempPath();
+    const QString folder =
+        runtime.startsWith(QLatin1Char('/')) ? QDir::cleanPath(runtime) : QDir::tempPath();
     return folder == QLatin1String("/") ? folder + name : folder + QLatin1Char('/') + name;
 }
 
