@@ -336,6 +336,9 @@ struct SignalCase
     const char* name;
 };
 
+// Names the case in test listings by its signal.
+void PrintTo(const SignalCase& signalCase, std::ostream* out) { *out << signalCase.name; }
+
 class RelaySignalEndToEndTest : public ::testing::TestWithParam<SignalCase>
 {
 protected:

@@ -7,6 +7,8 @@
 #include <QLocalSocket>
 #include <QThread>
 
+#include <string>
+
 namespace quorvan::velorane::virtualmonitor {
 
 IpcClient::IpcClient(QObject* parent) : QObject(parent) {}
@@ -33,9 +35,7 @@ void IpcClient::Initialize(const QString& serverName)
         return;
     }
     mSocket = new QLocalSocket(this);
-    // A bare name lives in the user's own runtime folder.
-    mSocket->setServerName(
-        QString::fromStdString(quorvan::platform::LocalSocketPath(serverName.toStdString())));
+    mSocket->setServerName(serverName);
     _Initialize();
 }
 
@@ -85,7 +85,11 @@ bool IpcClient::ConnectToServer(int timeoutMs)
         VLOG(EGroupValueWarning, "IpcClient is not initialized");
         return false;
     }
-    mSocket->connectToServer(QIODevice::ReadWrite);
+    // A bare name lives in the user's own runtime folder, not in the shared
+    // /tmp where Qt would look for it.
+    const std::string path =
+        quorvan::platform::LocalSocketPath(mSocket->serverName().toStdString());
+    mSocket->connectToServer(QString::fromStdString(path), QIODevice::ReadWrite);
     return mSocket->waitForConnected(timeoutMs);
 }
 
