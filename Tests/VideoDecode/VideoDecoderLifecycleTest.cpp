@@ -240,3 +240,44 @@ TEST(VideoDecoderLifecycleTest, DestructionWhileDecoding)
     EXPECT_EQ(recorder.Count(), after);
     EXPECT_LE(after, 9u);
 }
+
+TEST(VideoDecoderLifecycleTest, InitializeWhileDecodingStopsTheThreadFirst)
+{
+    if (H264EncoderName().empty()) {
+        GTEST_SKIP() << "libavcodec has no H.264 encoder";
+    }
+    const H264Stream stream = EncodeTestPattern(320, 240, 20);
+    ASSERT_EQ(stream.accessUnits.size(), 20u);
+    ScopedLogCapture capture;
+    PictureRecorder first;
+    PictureRecorder second;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(first.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    decoder->Start();
+    // Frames queued and the thread busy with them when the set-up is
+    // replaced under it.
+    for (size_t unit = 0; unit < 10; ++unit) {
+        ASSERT_TRUE(DeliverWithRetry(*decoder, stream.accessUnits[unit], static_cast<int32_t>(unit),
+                                     std::chrono::seconds(10)));
+    }
+    ASSERT_TRUE(decoder->Initialize(second.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    // The loop ended before the parser and the contexts went, and a new
+    // Initialize doesn't start it again.
+    EXPECT_EQ(capture->Count(kExit), 1u);
+    const size_t firstCount = first.Count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(first.Count(), firstCount);
+    EXPECT_EQ(second.Count(), 0u);
+
+    // Started again with the old frames dropped, as the owner does at a new
+    // stream, the new set-up decodes the stream from its start.
+    Access::Queue(*decoder).ResetQueue();
+    decoder->Start();
+    ASSERT_TRUE(DeliverPaced(*decoder, second, stream));
+    ASSERT_TRUE(second.WaitForCount(stream.accessUnits.size() - 1, std::chrono::seconds(10)));
+    decoder->Stop();
+    EXPECT_EQ(capture->Count(kEnter), 2u);
+    EXPECT_EQ(first.Count(), firstCount);
+}

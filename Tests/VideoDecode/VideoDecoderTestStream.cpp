@@ -317,7 +317,15 @@ quorvan::HardwareProbe FakeHardware::Probe()
         return createResult;
     };
     probe.hardwareConfig = [this](const AVCodec*, int index) -> const AVCodecHWConfig* {
-        return hasConfig && index == 0 ? &config : nullptr;
+        configIndexes.push_back(index);
+        if (!hasConfig || index < 0) {
+            return nullptr;
+        }
+        if (index == 0) {
+            return &config;
+        }
+        const size_t later = static_cast<size_t>(index - 1);
+        return later < laterConfigs.size() ? &laterConfigs[later] : nullptr;
     };
     return probe;
 }

@@ -180,6 +180,9 @@ public:
     std::vector<AVHWDeviceType> created; // types asked of createDevice
     bool hasConfig = false;
     AVCodecHWConfig config = {};
+    // Configurations behind the first one, at index 1 and on.
+    std::vector<AVCodecHWConfig> laterConfigs;
+    std::vector<int> configIndexes; // indexes asked of hardwareConfig
     // The test's own reference to the last stand-in device.
     AVBufferRef* device = nullptr;
 };

@@ -65,6 +65,10 @@ VideoDecoder::~VideoDecoder()
 
 bool VideoDecoder::Initialize(FrameCallback callback, CodecFormat format, DecoderType type)
 {
+    // A running loop reads the callback, the parser and the contexts that
+    // are about to be replaced: it stops first, and the caller starts it
+    // again once the decoder is ready.
+    Stop();
     m_callback = std::move(callback);
     m_codecFormat = format;
     const CodecEntry* codec = FindCodec(format);

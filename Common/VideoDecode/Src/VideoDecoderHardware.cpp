@@ -87,18 +87,25 @@ bool VideoDecoder::AllocateDecoderContext()
 
 bool VideoDecoder::HardwareConfiguration()
 {
-    // Only the first configuration is looked at.
-    const AVCodecHWConfig* config = m_codec ? m_probe.hardwareConfig(m_codec, 0) : nullptr;
-    if (!config) {
+    // No configuration at all means the codec has no hardware path.
+    const AVCodecHWConfig* first = m_codec ? m_probe.hardwareConfig(m_codec, 0) : nullptr;
+    if (!first) {
         VLOG(EGroupValueInformation, "VideoDecoder: decoder (%s) doesn't support device type %s",
              m_codecName.c_str(), m_hardwareTypeName.c_str());
         return false;
     }
-    if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
-        config->device_type == m_hardwareType) {
-        m_hardwarePixelFormat = config->pix_fmt;
-        m_hardwareContext->get_format = &VideoDecoder::GetFormat;
-        return true;
+    // The codec lists one configuration per device type, and on Linux the
+    // first is CUDA whatever device was found: take the one that serves the
+    // chosen device through a device context, wherever it stands.
+    const AVCodecHWConfig* config = first;
+    for (int index = 1; config; ++index) {
+        if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
+            config->device_type == m_hardwareType) {
+            m_hardwarePixelFormat = config->pix_fmt;
+            m_hardwareContext->get_format = &VideoDecoder::GetFormat;
+            return true;
+        }
+        config = m_probe.hardwareConfig(m_codec, index);
     }
     VLOG(EGroupValueInformation, "VideoDecoder: cannot retrieve hardware configuration!");
     return false;
