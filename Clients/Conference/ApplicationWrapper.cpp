@@ -1,5 +1,6 @@
 #include "Clients/Conference/ApplicationWrapper.h"
 
+#include "Clients/Conference/ConferenceTunnelManager.h"
 #include "Clients/Conference/Linux/TerminationSignalWatcher.h"
 #include "Clients/Conference/RelayWindow.h"
 #include "Common/Logger/Src/Logger.h"
@@ -25,15 +26,15 @@ ApplicationWrapper::ApplicationWrapper(const RelayConfig& config)
     connect(m_terminationWatcher, &TerminationSignalWatcher::SignalTerminationRequested, this,
             &ApplicationWrapper::ExternalQuit);
 
-    // The tunnel manager, the USB transport and the audio manager are made
-    // here, in this order around the TCP transport and the IPC client, once
-    // they land.
+    m_tunnelManager = ConferenceTunnelManager::CreateInstance(m_config.tunnelConfig, this);
+    // The USB transport and the audio manager are made here, in this order
+    // around the TCP transport and the IPC client, once they land.
 
     if (m_config.useTcp) {
         m_tcpCommunication.setPassword(m_config.relayPassword);
         const QHostAddress address(QString::fromStdString(m_config.kyrIp));
-        m_tcpCommunication.setHostAddress(
-            address, static_cast<uint16_t>(m_config.kyrPort + kTcpPortOffset));
+        m_tcpCommunication.setHostAddress(address,
+                                          static_cast<uint16_t>(m_config.kyrPort + kTcpPortOffset));
     }
     if (IConferenceTransport* transport = ActiveTransport()) {
         transport->moveToThread(m_transportThread);
@@ -110,7 +111,13 @@ void ApplicationWrapper::ConnectEverything()
     }
     connect(&m_ipcClient, &IpcClient::SignalQuitApplication, this,
             &ApplicationWrapper::ExternalQuit);
-    // Rows 17 and 18 (tunnel manager) join here when it lands.
+    if (transport) {
+        connect(transport, &IConferenceTransport::SignalConnectComplete, m_tunnelManager,
+                &ConferenceTunnelManager::Connect);
+    }
+    connect(
+        m_tunnelManager, &ConferenceTunnelManager::OnConferenceTunnelError, this,
+        [this] { Q_EMIT SignalSendIpcError(RelayErrorTunnel); }, Qt::DirectConnection);
 }
 
 RESULT ApplicationWrapper::EnableRelayWindow()
@@ -159,7 +166,7 @@ void ApplicationWrapper::QuitApplication(bool external)
         return;
     }
     m_quitting = true;
-    // 1. The tunnel manager's Disconnect goes here once it lands.
+    m_tunnelManager->Disconnect();
     // 2. No further failure signal may re-enter this sequence.
     QObject::disconnect(&m_tcpCommunication, nullptr, nullptr, nullptr);
     // 3. The transport's slotThreadFinished runs on its thread meanwhile.

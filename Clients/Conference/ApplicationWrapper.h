@@ -8,9 +8,9 @@
 // m_transportThread, the IpcClient on its own thread; they reach this
 // object through queued signals.
 //
-// Parts not here yet, each with a seam where it joins: the conference
-// tunnel manager, the USB transport (without -t there is no active
-// transport until it lands), and the audio manager.
+// Parts not here yet, each with a seam where it joins: the USB transport
+// (without -t there is no active transport until it lands), and the audio
+// manager.
 
 #include "Clients/Conference/IpcClient.h"
 #include "Clients/Conference/RelayConfig.h"
@@ -27,6 +27,7 @@ class QThread;
 
 namespace quorvan::velorane::relay {
 
+class ConferenceTunnelManager;
 class RelayWindow;
 class TerminationSignalWatcher;
 
@@ -63,6 +64,8 @@ private:
     QThread* m_transportThread;
     // A quit runs once; a late signal from a part being stopped is ignored.
     bool m_quitting = false;
+    // Writes the tunnel file at each connection. Child of this.
+    ConferenceTunnelManager* m_tunnelManager = nullptr;
     // SIGTERM and SIGINT end the relay like the client's kill. Child of this.
     TerminationSignalWatcher* m_terminationWatcher = nullptr;
 };

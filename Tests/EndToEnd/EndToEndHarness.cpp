@@ -22,6 +22,19 @@ EndToEndScene::EndToEndScene()
     if (std::system(command.c_str()) != 0) {
         throw std::runtime_error("make-test-cert.sh failed");
     }
+    // The relay writes its tunnel file to /var/tmp at each connection. Where
+    // a private mount namespace can be had, a folder of the scene stands in
+    // for /var/tmp, so a test run leaves the machine's file alone.
+    const std::string varTmp = m_dir.File("var-tmp");
+    fs::create_directories(varTmp);
+    if (std::system("/usr/bin/unshare -m /bin/true >/dev/null 2>&1") == 0) {
+        m_relayWrapper = {"/usr/bin/unshare",
+                          "-m",
+                          "/bin/sh",
+                          "-c",
+                          "mount --make-rprivate / && mount --bind \"$0\" /var/tmp && exec \"$@\"",
+                          varTmp};
+    }
 }
 
 std::map<std::string, std::string> EndToEndScene::Environment() const
@@ -68,11 +81,17 @@ int EndToEndScene::FreeBasePort()
 bool EndToEndScene::StartKyr(int basePort, const std::vector<std::string>& extra)
 {
     ChildProcess::Options options;
-    options.argv = {BinaryPath("kyr-sim"),   "--base-port", std::to_string(basePort),
-                    "--cert",                m_dir.File("cert/kyr-sim.crt"),
-                    "--key",                 m_dir.File("cert/kyr-sim.key"),
-                    "--record",              m_dir.File("kyr.rec"),
-                    "--time-limit",          "60"};
+    options.argv = {BinaryPath("kyr-sim"),
+                    "--base-port",
+                    std::to_string(basePort),
+                    "--cert",
+                    m_dir.File("cert/kyr-sim.crt"),
+                    "--key",
+                    m_dir.File("cert/kyr-sim.key"),
+                    "--record",
+                    m_dir.File("kyr.rec"),
+                    "--time-limit",
+                    "60"};
     options.argv.insert(options.argv.end(), extra.begin(), extra.end());
     options.environment = Environment();
     options.outputFile = m_dir.File("kyr.out");
@@ -84,8 +103,8 @@ bool EndToEndScene::StartClient(const std::vector<std::string>& sends,
                                 const std::vector<std::string>& extra)
 {
     ChildProcess::Options options;
-    options.argv = {BinaryPath("client-sim"), "--record", m_dir.File("client.rec"),
-                    "--time-limit", "60"};
+    options.argv = {BinaryPath("client-sim"), "--record", m_dir.File("client.rec"), "--time-limit",
+                    "60"};
     for (const auto& send : sends) {
         options.argv.push_back("--send");
         options.argv.push_back(send);
@@ -93,6 +112,7 @@ bool EndToEndScene::StartClient(const std::vector<std::string>& sends,
     options.argv.insert(options.argv.end(), extra.begin(), extra.end());
     if (!relayArguments.empty()) {
         options.argv.push_back("--");
+        options.argv.insert(options.argv.end(), m_relayWrapper.begin(), m_relayWrapper.end());
         options.argv.push_back(BinaryPath("velorane-relay"));
         options.argv.insert(options.argv.end(), relayArguments.begin(), relayArguments.end());
     }
@@ -107,7 +127,8 @@ bool EndToEndScene::StartClient(const std::vector<std::string>& sends,
 bool EndToEndScene::StartRelay(const std::vector<std::string>& arguments)
 {
     ChildProcess::Options options;
-    options.argv = {BinaryPath("velorane-relay")};
+    options.argv = m_relayWrapper;
+    options.argv.push_back(BinaryPath("velorane-relay"));
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment = Environment();
     options.outputFile = m_dir.File("relay.out");
@@ -140,12 +161,13 @@ bool EndToEndScene::StartStandaloneRelay(const std::vector<std::string>& argumen
         return false;
     }
     ChildProcess::Options options;
-    options.argv = {folder + "/velorane-relay"};
+    options.argv = m_relayWrapper;
+    options.argv.push_back(folder + "/velorane-relay");
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment = Environment();
-    options.environment["VDISPLAY_SIM_OPTIONS"] =
-        "--record " + m_dir.File("vdisplay.rec") + " --pid-file " + m_dir.File("vdisplay.pid") +
-        " --time-limit 60 " + virtualDisplayOptions;
+    options.environment["VDISPLAY_SIM_OPTIONS"] = "--record " + m_dir.File("vdisplay.rec") +
+                                                  " --pid-file " + m_dir.File("vdisplay.pid") +
+                                                  " --time-limit 60 " + virtualDisplayOptions;
     options.outputFile = m_dir.File("relay.out");
     return m_relay.Start(options);
 }
@@ -155,16 +177,25 @@ std::vector<std::string> EndToEndScene::VirtualDisplayRecords() const
     return ReadLines(m_dir.File("vdisplay.rec"));
 }
 
-std::vector<std::string> EndToEndScene::KyrRecords() const { return ReadLines(m_dir.File("kyr.rec")); }
+std::vector<std::string> EndToEndScene::KyrRecords() const
+{
+    return ReadLines(m_dir.File("kyr.rec"));
+}
 
 std::vector<std::string> EndToEndScene::ClientRecords() const
 {
     return ReadLines(m_dir.File("client.rec"));
 }
 
-std::string EndToEndScene::LogFolder() const { return m_dir.File("data/Velorane/Client/Logs"); }
+std::string EndToEndScene::LogFolder() const
+{
+    return m_dir.File("data/Velorane/Client/Logs");
+}
 
-bool EndToEndScene::LogFolderExists() const { return fs::exists(m_dir.File("data/Velorane")); }
+bool EndToEndScene::LogFolderExists() const
+{
+    return fs::exists(m_dir.File("data/Velorane"));
+}
 
 std::string EndToEndScene::LogText() const
 {

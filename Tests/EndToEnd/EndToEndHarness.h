@@ -32,6 +32,13 @@ public:
         m_extraEnvironment[name] = value;
     }
 
+    // The scene's stand-in for /var/tmp, bound over it in the relay's
+    // private mount namespace; empty when the machine allows no such
+    // namespace, and the relay then sees the real /var/tmp.
+    std::string VarTmp() const
+    {
+        return m_relayWrapper.empty() ? std::string() : m_dir.File("var-tmp");
+    }
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
     bool StartKyr(int basePort, const std::vector<std::string>& extra = {});
@@ -77,6 +84,7 @@ private:
     ChildProcess m_virtualDisplay;
     std::string m_display;
     std::map<std::string, std::string> m_extraEnvironment;
+    std::vector<std::string> m_relayWrapper;
 };
 
 std::vector<std::string> ReadLines(const std::string& path);
