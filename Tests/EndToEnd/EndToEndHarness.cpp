@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace velorane::test {
 
@@ -216,6 +217,59 @@ std::vector<std::string> ReadLines(const std::string& path)
         lines.push_back(line);
     }
     return lines;
+}
+
+std::vector<LogFileLine> ParseLogFile(const std::string& text)
+{
+    std::vector<LogFileLine> lines;
+    std::istringstream stream(text);
+    std::string line;
+    while (std::getline(stream, line)) {
+        std::vector<std::string> columns;
+        size_t start = 0;
+        for (;;) {
+            const size_t tab = line.find('\t', start);
+            columns.push_back(line.substr(start, tab - start));
+            if (tab == std::string::npos) {
+                break;
+            }
+            start = tab + 1;
+        }
+        if (columns.size() == 7) {
+            lines.push_back({columns[2], columns[3], columns[4]});
+        }
+    }
+    return lines;
+}
+
+size_t CountLogLines(const std::string& log, const std::string& group, const std::string& message)
+{
+    size_t count = 0;
+    for (const LogFileLine& line : ParseLogFile(log)) {
+        count += line.group == group && line.message == message ? 1 : 0;
+    }
+    return count;
+}
+
+size_t CountRecords(const std::vector<std::string>& records, const std::string& prefix)
+{
+    size_t count = 0;
+    for (const std::string& record : records) {
+        count += record.rfind(prefix, 0) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return done();
 }
 
 std::string Hex(const std::string& bytes)

@@ -9,6 +9,7 @@
 #include "Tests/Support/TempDir.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -88,6 +89,24 @@ private:
 };
 
 std::vector<std::string> ReadLines(const std::string& path);
+
+// One line of the relay's log file: its group column ("* Warning     *"),
+// function and message.
+struct LogFileLine
+{
+    std::string group;
+    std::string function;
+    std::string message;
+};
+// The lines of the tab-separated log: time, thread, group, function,
+// message, source, line.
+std::vector<LogFileLine> ParseLogFile(const std::string& text);
+// Lines with exactly this group and message.
+size_t CountLogLines(const std::string& log, const std::string& group, const std::string& message);
+// Records that begin with prefix.
+size_t CountRecords(const std::vector<std::string>& records, const std::string& prefix);
+// Asks done() every 50 ms until it holds or the time is up.
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 std::string Hex(const std::string& bytes);
 
 } // namespace velorane::test

@@ -632,5 +632,63 @@ TEST_F(UnitTcpCommunicationTest, EndingTheThreadTakesTheLinkDown)
     EXPECT_TRUE(WaitUntil([this] { return m_server->PeerDisconnected(); }));
 }
 
+// Bounds on what a peer can make the transport hold
+
+TEST_F(UnitTcpCommunicationTest, HugeAnnouncedResponseEndsTheLinkAtOnce)
+{
+    StartConnected();
+    ASSERT_TRUE(Send(RelayCommandData(RelayServiceVideo, RelayCommandRequestFrame)));
+    QByteArray header = Response(RelayServiceVideo, RelayCommandRequestFrame, QByteArray());
+    header[8] = static_cast<char>(0x80); // 2 GiB
+    m_server->Write(header + QByteArray(4096, 'x'));
+
+    ASSERT_TRUE(WaitUntil([this] { return m_failures >= 1; }));
+    PumpEventsFor(200ms);
+    EXPECT_EQ(m_failures, 1);
+    EXPECT_TRUE(m_capture->Contains(
+        EGroupValueSevere,
+        "Response of 2147483660 bytes announced, more than 4194304: closing the link"));
+    EXPECT_TRUE(m_dispatched.empty());
+    // Nothing more is read from the peer once the link is over.
+    auto* socket = m_transport->findChild<QSslSocket*>();
+    ASSERT_NE(socket, nullptr);
+    EXPECT_EQ(socket->state(), QAbstractSocket::UnconnectedState);
+}
+
+TEST_F(UnitTcpCommunicationTest, BacklogPastTheBoundEndsTheLink)
+{
+    StartConnected();
+    // Empty responses: one is taken per readyRead, and a flood of them
+    // piles up behind it.
+    const QByteArray one = Response(RelayServiceAudio, RelayCommandRequestAudio, QByteArray());
+    QByteArray flood;
+    flood.reserve(5 * 1024 * 1024);
+    while (flood.size() < 5 * 1024 * 1024) {
+        flood += one;
+    }
+    m_server->Write(flood);
+
+    ASSERT_TRUE(WaitUntil([this] { return m_failures >= 1; }, 20s));
+    PumpEventsFor(200ms);
+    EXPECT_EQ(m_failures, 1);
+    EXPECT_TRUE(
+        m_capture->Contains(EGroupValueSevere, "More than 4194304 bytes unread: closing the link"));
+    EXPECT_LT(m_dispatched.size(), 5u * 1024u * 1024u / 12u);
+}
+
+TEST_F(UnitTcpCommunicationTest, LargestFrameStillPasses)
+{
+    StartConnected();
+    ASSERT_TRUE(Send(RelayCommandData(RelayServiceVideo, RelayCommandRequestFrame)));
+    QByteArray payload(1024 * 1024 + 64, '\0');
+    for (int i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<char>(i * 7);
+    }
+    m_server->Write(Response(RelayServiceVideo, RelayCommandRequestFrame, payload));
+    ASSERT_TRUE(WaitUntil([this] { return !m_dispatched.empty(); }, 20s));
+    EXPECT_EQ(m_dispatched[0].payload, payload);
+    EXPECT_EQ(m_failures, 0);
+}
+
 } // namespace
 } // namespace velorane::test

@@ -342,5 +342,39 @@ TEST_F(IpcClientAsyncTest, APeerHangingUpSignalsTheDisconnectAndEndsTheInstance)
     EXPECT_EQ(m_log->Count(kNotInitialized), 1u);
 }
 
+TEST_F(IpcClientAsyncTest, AMessageThatNeverEndsDropsTheLinkPastSixtyFourKilobytes)
+{
+    QSignalSpy disconnected(m_client.get(), &IpcClient::SignalDisconnected);
+    // A header announcing 2 GiB, then bytes without end.
+    ASSERT_TRUE(m_peer->Write(Hex("7fffffffa13d00")));
+    const QByteArray chunk(16 * 1024, static_cast<char>(0x5A));
+    for (int i = 0; i < 8 && disconnected.count() == 0; ++i) {
+        m_peer->Write(chunk);
+        PumpEventsFor(20ms);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return disconnected.count() == 1; }));
+    EXPECT_EQ(m_ready->count(), 0);
+    EXPECT_TRUE(m_client->PendingBytes().isEmpty());
+    ASSERT_EQ(m_log->Lines().size(), 1u);
+    const auto line = m_log->Lines()[0];
+    EXPECT_EQ(line.group, quorvan::EGroupValueWarning);
+    EXPECT_EQ(line.message.rfind("Dropping the link: ", 0), 0u) << line.message;
+    const std::string tail = " bytes unparsed, more than 65536";
+    ASSERT_GT(line.message.size(), tail.size());
+    EXPECT_EQ(line.message.substr(line.message.size() - tail.size()), tail) << line.message;
+    EXPECT_FALSE(m_client->IsInitialized());
+}
+
+TEST_F(IpcClientAsyncTest, SixtyFourKilobytesUnparsedAreStillKept)
+{
+    ASSERT_TRUE(m_peer->Write(Hex("7fffffffa13d00")));
+    ASSERT_TRUE(m_peer->Write(QByteArray(IpcClient::kMaxUnparsedBytes - 7, 'x')));
+    ASSERT_TRUE(
+        WaitUntil([&] { return m_client->PendingBytes().size() == IpcClient::kMaxUnparsedBytes; }));
+    PumpEventsFor(100ms);
+    EXPECT_TRUE(m_client->IsInitialized());
+    EXPECT_EQ(m_log->Lines().size(), 0u);
+}
+
 } // namespace
 } // namespace velorane::test

@@ -123,6 +123,10 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         {"split", "Write each response in two parts, 5 bytes then the rest, 50 ms apart."},
         {"merge", "Hold each response and write it together with the next one."},
         {"huge-size", "Second answer: a bare header with size 0xFFFFFFF0."},
+        {"huge-then-garbage",
+         "Second answer: a header announcing 2 GiB, then SEC seconds of "
+         "garbage as fast as the link takes it.",
+         "SEC"},
         {"small-size", "Every answer: a bare header with size 4."},
         {"no-tls-reply", "Accept TCP but never answer the TLS handshake."},
         {"refuse", "Don't listen: print \"kyr-sim: refusing\" and exit 0."},
@@ -176,6 +180,7 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         !ReadInt(parser, "garbage-after", 0, INT32_MAX, &options->garbageAfter, message) ||
         !ReadInt(parser, "garbage-bytes", 1, kMaxDeclaredBytes, &options->garbageBytes, message) ||
         !ReadInt(parser, "time-limit", 1, 86400, &options->timeLimitSec, message) ||
+        !ReadInt(parser, "huge-then-garbage", 0, 86400, &options->hugeThenGarbageSec, message) ||
         !ReadInt(parser, "jump-at", 0, INT32_MAX, &options->jumpAt, message) ||
         !ReadInt(parser, "oversized-at", 0, INT32_MAX, &options->oversizedAt, message) ||
         !ReadInt(parser, "oversized-bytes", 0, kMaxDeclaredBytes, &options->oversizedBytes,

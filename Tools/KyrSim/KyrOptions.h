@@ -38,6 +38,7 @@ struct KyrOptions
     bool split = false;
     bool merge = false;
     bool hugeSize = false;
+    int hugeThenGarbageSec = -1; // second answer: a 2 GiB header, then garbage
     bool smallSize = false;
     bool noTlsReply = false;
     bool refuse = false;

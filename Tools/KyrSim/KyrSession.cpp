@@ -1,8 +1,8 @@
 #include "KyrSession.h"
 
 #include "Console.h"
-#include "Tools/Common/Recorder.h"
 #include "ResponseWriter.h"
+#include "Tools/Common/Recorder.h"
 
 #include <QDataStream>
 
@@ -13,6 +13,10 @@ namespace {
 constexpr int kHeaderBytes = 12;
 constexpr quint32 kHugeSize = 0xFFFFFFF0;
 constexpr quint32 kSmallSize = 4;
+constexpr quint32 kHugeGarbageSize = 0x80000000;
+// What the flood keeps queued on the socket at most, and writes at a time.
+constexpr qint64 kFloodQueued = 4 * 1024 * 1024;
+constexpr int kFloodChunk = 256 * 1024;
 
 quint32 LittleEndianWord(const QByteArray& bytes, int offset)
 {
@@ -139,6 +143,15 @@ QByteArray KyrSession::FaultyAnswer(quint32 service, quint32 command, const QByt
         m_garbageSent = true;
         return QByteArray(m_options.garbageBytes, static_cast<char>(0xA5));
     }
+    if (m_options.hugeThenGarbageSec >= 0 && !m_hugeSent && m_answered >= 1) {
+        m_hugeSent = true;
+        m_recorder->Line(QStringLiteral("flood start"));
+        m_flood = new QTimer(this);
+        connect(m_flood, &QTimer::timeout, this, &KyrSession::Flood);
+        m_floodClock.start();
+        m_flood->start(1);
+        return KyrResponder::Header(service, command, kHugeGarbageSize);
+    }
     if (m_options.hugeSize && !m_hugeSent && m_answered >= 1) {
         m_hugeSent = true;
         return KyrResponder::Header(service, command, kHugeSize);
@@ -147,6 +160,27 @@ QByteArray KyrSession::FaultyAnswer(quint32 service, quint32 command, const QByt
         return KyrResponder::Header(service, command, kSmallSize);
     }
     return normal;
+}
+
+void KyrSession::Flood()
+{
+    if (m_ended || m_socket->state() != QAbstractSocket::ConnectedState ||
+        m_floodClock.elapsed() >= m_options.hugeThenGarbageSec * 1000LL) {
+        m_flood->stop();
+        m_recorder->Line(QStringLiteral("flood end %1").arg(m_floodBytes));
+        return;
+    }
+    static const QByteArray chunk = [] {
+        QByteArray bytes(kFloodChunk, '\0');
+        for (int i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<char>((i * 131 + 17) & 0xFF);
+        }
+        return bytes;
+    }();
+    while (m_socket->bytesToWrite() < kFloodQueued) {
+        m_socket->write(chunk);
+        m_floodBytes += chunk.size();
+    }
 }
 
 void KyrSession::Close(const QString& reason)

@@ -4,8 +4,10 @@
 #include "KyrResponder.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QSslSocket>
+#include <QTimer>
 
 namespace simcommon {
 class Recorder;
@@ -36,6 +38,8 @@ private:
     void Answer(const QByteArray& request);
     QByteArray FaultyAnswer(quint32 service, quint32 command, const QByteArray& normal);
     void Close(const QString& reason);
+    // Writes garbage while the socket takes it, until the flood's time is up.
+    void Flood();
 
     QSslSocket* m_socket;
     KyrOptions m_options;
@@ -49,6 +53,9 @@ private:
     int m_answered = 0;
     bool m_garbageSent = false;
     bool m_hugeSent = false;
+    QTimer* m_flood = nullptr;
+    QElapsedTimer m_floodClock;
+    qint64 m_floodBytes = 0;
 };
 
 } // namespace kyrsim

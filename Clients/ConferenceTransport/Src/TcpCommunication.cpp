@@ -22,7 +22,10 @@ void TcpCommunication::setHostAddress(QHostAddress address, uint16_t port)
     m_port = port;
 }
 
-void TcpCommunication::setPassword(const std::string& password) { m_password = password; }
+void TcpCommunication::setPassword(const std::string& password)
+{
+    m_password = password;
+}
 
 QByteArray TcpCommunication::PasswordFrame(const std::string& password)
 {
@@ -42,9 +45,9 @@ void TcpCommunication::slotThreadStarted()
     m_socket->setPeerVerifyMode(QSslSocket::QueryPeer);
     m_socket->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     connect(m_socket, &QSslSocket::readyRead, this, &TcpCommunication::slotReadyRead);
-    connect(m_socket, &QAbstractSocket::errorOccurred,
-            m_socket, [this](QAbstractSocket::SocketError error) { OnSocketError(error); },
-            Qt::DirectConnection);
+    connect(
+        m_socket, &QAbstractSocket::errorOccurred, m_socket,
+        [this](QAbstractSocket::SocketError error) { OnSocketError(error); }, Qt::DirectConnection);
 
     m_requestTimer = new QTimer(this);
     m_requestTimer->setSingleShot(true);
@@ -145,12 +148,47 @@ void TcpCommunication::slotReadyRead()
     // Any byte at all counts as an answer.
     m_requestTimer->stop();
     m_readBuffer->append(m_socket->readAll());
+    if (EndLinkIfOversized()) {
+        return;
+    }
     // One response per readyRead: a second one behind it waits for the next
     // bytes to arrive.
     const uint32_t consumed =
         HandleResponse(static_cast<uint32_t>(m_readBuffer->size()), m_readBuffer);
-    m_readBuffer->remove(0, static_cast<int>(qMin<uint32_t>(
-                                consumed, static_cast<uint32_t>(m_readBuffer->size()))));
+    m_readBuffer->remove(
+        0, static_cast<int>(qMin<uint32_t>(consumed, static_cast<uint32_t>(m_readBuffer->size()))));
+}
+
+bool TcpCommunication::EndLinkIfOversized()
+{
+    const int buffered = m_readBuffer->size();
+    quint32 announced = 0;
+    if (buffered >= 12) {
+        QDataStream stream(*m_readBuffer);
+        stream.setByteOrder(QDataStream::BigEndian);
+        quint32 service = 0;
+        quint32 command = 0;
+        stream >> service >> command >> announced;
+    }
+    if (buffered <= kMaxReadBuffer && announced <= static_cast<quint32>(kMaxReadBuffer)) {
+        return false;
+    }
+    if (announced > static_cast<quint32>(kMaxReadBuffer)) {
+        VLOG(EGroupValueSevere, "Response of %u bytes announced, more than %d: closing the link",
+             announced, kMaxReadBuffer);
+    } else {
+        VLOG(EGroupValueSevere, "More than %d bytes unread: closing the link", kMaxReadBuffer);
+    }
+    // Ended as a closed link would be: nothing more is read, and the
+    // failure reaches the application, which tells the client.
+    m_readBuffer->clear();
+    m_readBuffer->squeeze();
+    if (m_requestTimer) {
+        m_requestTimer->stop();
+    }
+    m_socket->abort();
+    Q_EMIT SignalConnectionFailed();
+    return true;
 }
 
 void TcpCommunication::slotRequestTimeout()

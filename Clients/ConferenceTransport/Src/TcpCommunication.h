@@ -45,8 +45,20 @@ public Q_SLOTS:
     void slotReadyRead();
     void slotRequestTimeout();
 
+public:
+    // The most the read buffer holds. The largest response of use is a
+    // video frame of a little over 1 MiB (USB caps a response at 1,048,588
+    // bytes); one response is taken per readyRead, so a few may wait behind
+    // it, and 4 MiB leaves room for that. A peer that goes past it, or
+    // announces a response larger than that, is not a Kyr the relay can
+    // follow, and the link ends as a closed one would.
+    static constexpr int kMaxReadBuffer = 4 * 1024 * 1024;
+
 private:
     void OnSocketError(QAbstractSocket::SocketError error);
+    // True when the buffer has gone past its bound or announces a response
+    // that would; the link has then been ended.
+    bool EndLinkIfOversized();
 
     int32_t m_timeoutMs = 5000;
     QSslSocket* m_socket = nullptr;

@@ -155,6 +155,9 @@ bool IpcClient::_SendRequestBlocking(const QByteArray& data, QByteArray* reply)
         // when asked; a zero wait asks without blocking.
         mSocket->waitForReadyRead(0);
         reply->append(mSocket->readAll());
+        if (reply->size() > kMaxUnparsedBytes) {
+            break;
+        }
         QThread::msleep(kReplyPollMs);
         if (ParseData(*reply, size)) {
             return true;
@@ -209,6 +212,14 @@ void IpcClient::onRecv()
         const QByteArray message = mBuffer.left(size);
         mBuffer = mBuffer.right(mBuffer.size() - size);
         Q_EMIT SignalDataReady(this, message);
+    }
+    if (mBuffer.size() > kMaxUnparsedBytes && mSocket) {
+        // Dropped as a peer that closed would be: its disconnect cleans up.
+        VLOG(EGroupValueWarning, "Dropping the link: %d bytes unparsed, more than %d",
+             mBuffer.size(), kMaxUnparsedBytes);
+        mBuffer.clear();
+        mBuffer.squeeze();
+        mSocket->abort();
     }
 }
 

@@ -40,6 +40,10 @@ public:
     // looks again once part of the reply is in.
     static constexpr int kReplyTimeoutMs = 5000;
     static constexpr int kReplyPollMs = 50;
+    // The most a peer may leave unparsed. The protocol's messages are a few
+    // dozen bytes; a peer past 64 KiB has lost its framing for good (there
+    // is no resynchronisation), and its link is dropped.
+    static constexpr int kMaxUnparsedBytes = 64 * 1024;
 
     explicit IpcClient(QObject* parent = nullptr);
     IpcClient(const QString& serverName, QObject* parent);
