@@ -57,13 +57,19 @@ void ThreadContext::Post(Closure closure, Scheduler::Event* completion)
     if (m_quitting) {
         return;
     }
-    if (m_queue.size() == m_maxQueued) {
+    // Waits while the queue is full, and looks again after each wake-up:
+    // the space event is set once per finished closure, and one poster that
+    // passed on a stale set must not let the queue grow past the bound.
+    while (m_queue.size() >= m_maxQueued) {
         hold.Unlock();
         // A negative or zero time-out is the event's "for ever".
         if (!m_spaceEvent->Wait(std::chrono::milliseconds(m_fullTimeout))) {
             return;
         }
         hold.Lock("");
+        if (m_quitting) {
+            return;
+        }
     }
     m_queue.emplace_front(std::move(item), completion);
     hold.Unlock();

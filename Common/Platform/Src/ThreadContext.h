@@ -22,10 +22,10 @@ namespace quorvan {
 // m_firstRun and m_debug belong to the context's thread after the
 // constructor; m_threadId is written once by that thread and read anywhere.
 //
-// Full policy: block. A poster that finds exactly maxQueued items waits for
-// one closure to finish (at most fullTimeout ms, -1 for ever) and drops its
-// own closure only when that wait fails. The test is made once, so several
-// posters may pass the bound by a few items.
+// Full policy: block. A poster that finds maxQueued items or more waits
+// until a finished closure makes room (each wait at most fullTimeout ms, -1
+// for ever) and drops its own closure only when a wait fails. The closure
+// that runs stays in the queue until it has run, so it counts.
 class ThreadContext : public Thread, public IRefCountImpl
 {
 public:
