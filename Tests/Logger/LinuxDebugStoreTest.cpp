@@ -4,6 +4,12 @@
 
 #include <syslog.h>
 
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
 using namespace quorvan;
 
 namespace {
@@ -60,3 +66,40 @@ TEST(LinuxDebugStoreTest, CreateNativeOsStoreHandsOutOneReference)
 }
 
 } // namespace
+
+TEST(LinuxDebugStoreTest, LinesFromManyThreadsStayWhole)
+{
+    LinuxDebugStore store;
+    constexpr int kThreads = 8;
+    constexpr int kLines = 300;
+    testing::internal::CaptureStdout();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&store, t] {
+            for (int i = 0; i < kLines; ++i) {
+                store.OnLog(EGroupValueWarning, "", "", 0, 0, 0,
+                            "thread " + std::to_string(t) + " line " + std::to_string(i));
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const std::string output = testing::internal::GetCapturedStdout();
+    std::istringstream lines(output);
+    std::string line;
+    std::vector<int> next(kThreads, 0);
+    int count = 0;
+    while (std::getline(lines, line)) {
+        int t = -1;
+        int i = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), "* Warning     * thread %d line %d", &t, &i), 2)
+            << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+        EXPECT_EQ(line,
+                  "* Warning     * thread " + std::to_string(t) + " line " + std::to_string(i));
+        EXPECT_EQ(i, next[static_cast<size_t>(t)]++);
+        ++count;
+    }
+    EXPECT_EQ(count, kThreads * kLines);
+}

@@ -37,8 +37,10 @@ void LinuxDebugStore::OnLog(ELogGroups group, const std::string& file, const std
                             int64_t, uint32_t, int32_t line, const std::string& message)
 {
     const std::string text = FormatText(group, file, function, line, message);
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
+    // One write a line: two calls would let another thread's line in
+    // between the text and its line feed.
+    const std::string lineText = text + '\n';
+    std::fwrite(lineText.data(), 1, lineText.size(), stdout);
     std::fflush(stdout);
     syslog(SyslogPriority(group), "%s - Velorane Logger", text.c_str());
 }
