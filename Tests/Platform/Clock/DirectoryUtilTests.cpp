@@ -135,6 +135,18 @@ TEST(ClockDirectoryUtil, DataDirectoryTreatsAnEmptyXdgDataHomeAsUnset)
               dir.Path() + "/.local/share");
 }
 
+TEST(ClockDirectoryUtil, DataDirectoryIgnoresARelativeXdgDataHome)
+{
+    TempDir dir;
+    ScopedEnv home("HOME", dir.Path());
+    for (const char* relative : {"data", "./data", "../share", "~/data"}) {
+        ScopedEnv xdg("XDG_DATA_HOME", std::string(relative));
+        EXPECT_EQ(DirectoryUtil::DataDirectory("Quorvan", "Velorane", "Client/Logs", false, false),
+                  dir.Path() + "/.local/share/Velorane/Client/Logs")
+            << relative;
+    }
+}
+
 TEST(ClockDirectoryUtil, DataDirectoryHasNoTrailingSeparator)
 {
     TempDir dir;

@@ -35,7 +35,9 @@ std::string PasswordHome()
 std::string UserDataBaseDirectory()
 {
     std::string base = Environment("XDG_DATA_HOME");
-    if (base.empty()) {
+    // The XDG rules take only an absolute path; a relative one is ignored
+    // like an empty one.
+    if (base.empty() || base.front() != '/') {
         std::string home = Environment("HOME");
         if (home.empty()) {
             home = PasswordHome();
