@@ -190,6 +190,11 @@ TEST_F(MessageFormatTest, MissingOrWrongArgumentsAreCaughtAndReported)
     for (const auto& line : m_log->Lines()) {
         EXPECT_EQ(line.group, EGroupValueSevere);
     }
+    // Nothing half-built is left to be sent: no header with a wrong size.
+    EXPECT_TRUE(tooFew.isEmpty()) << tooFew.toHex().constData();
+    EXPECT_TRUE(nullRect.isEmpty()) << nullRect.toHex().constData();
+    EXPECT_TRUE(numberForRect.isEmpty()) << numberForRect.toHex().constData();
+    EXPECT_TRUE(noRectWhenFound.isEmpty()) << noRectWhenFound.toHex().constData();
 }
 
 TEST_F(MessageFormatTest, RepliesWithoutPayloadAreElevenBytesWithTheResult)

@@ -94,6 +94,8 @@ void IpcClient::BuildRequestMessageFrom(QByteArray* message, Command command,
             VLOG(EGroupValueWarning, "Uknown command %hu", static_cast<unsigned short>(command));
         }
     } catch (...) {
+        // What was written before the bad argument is no message at all.
+        *message = QByteArray();
         VLOG(EGroupValueSevere, "Incorrect number or incorrect type of arguments supplied");
     }
 }
@@ -124,6 +126,8 @@ void IpcClient::BuildReplyMessageFrom(QByteArray* message, Command command, int 
             WriteSize(stream, size);
         }
     } catch (...) {
+        // What was written before the bad argument is no message at all.
+        *message = QByteArray();
         VLOG(EGroupValueSevere, "Incorrect number or incorrect type of arguments supplied");
     }
 }
