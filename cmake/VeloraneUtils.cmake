@@ -46,7 +46,7 @@ endfunction()
 # lets the test script pick suites (for example "nonqt" for the TSan run).
 # ENVIRONMENT takes one NAME=value pair.
 function(velorane_add_test target)
-    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT;RESOURCE_LOCK" ${ARGN})
     velorane_add_executable(${target} SOURCES ${ARG_SOURCES}
         LIBS ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main Threads::Threads)
     if(NOT ARG_TIMEOUT)
@@ -59,6 +59,11 @@ function(velorane_add_test target)
     set(_properties TIMEOUT ${ARG_TIMEOUT} LABELS "${_labels}")
     if(ARG_ENVIRONMENT)
         list(APPEND _properties ENVIRONMENT "${ARG_ENVIRONMENT}")
+    endif()
+    # Tests that hold a fixed resource (the audio driver's port 9002) run
+    # one at a time with the others that hold it.
+    if(ARG_RESOURCE_LOCK)
+        list(APPEND _properties RESOURCE_LOCK "${ARG_RESOURCE_LOCK}")
     endif()
     gtest_discover_tests(${target}
         DISCOVERY_MODE PRE_TEST

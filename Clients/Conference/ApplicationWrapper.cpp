@@ -2,6 +2,7 @@
 
 #include "Clients/Conference/ConferenceTunnelManager.h"
 #include "Clients/Conference/Linux/TerminationSignalWatcher.h"
+#include "Clients/Conference/RelayAudioManager.h"
 #include "Clients/Conference/RelayWindow.h"
 #include "Common/Logger/Src/Logger.h"
 
@@ -27,8 +28,8 @@ ApplicationWrapper::ApplicationWrapper(const RelayConfig& config)
             &ApplicationWrapper::ExternalQuit);
 
     m_tunnelManager = ConferenceTunnelManager::CreateInstance(m_config.tunnelConfig, this);
-    // The USB transport and the audio manager are made here, in this order
-    // around the TCP transport and the IPC client, once they land.
+    // The USB transport is made beside the TCP transport once it lands.
+    m_audioManager = RelayAudioManager::NewInstance(m_config);
 
     if (m_config.useTcp) {
         m_tcpCommunication.setPassword(m_config.relayPassword);
@@ -63,7 +64,9 @@ ApplicationWrapper::ApplicationWrapper(const RelayConfig& config)
 
 ApplicationWrapper::~ApplicationWrapper()
 {
-    // The audio manager goes first once it lands, then the window.
+    // The audio manager goes first (the driver hears the goodbye), then the
+    // window.
+    m_audioManager.reset();
     m_relayWindow.reset();
 }
 
@@ -100,7 +103,13 @@ void ApplicationWrapper::ConnectEverything()
                 &IConferenceTransport::SendWithPayload);
         connect(transport, &IConferenceTransport::DataCallback, window,
                 &RelayWindow::ReceiveRelayCommandResponse);
-        // Rows 10 to 12 (audio manager) join here when it lands.
+        // AudioStart goes out at each connection, driver or not.
+        connect(transport, &IConferenceTransport::SignalConnectComplete, m_audioManager.get(),
+                &RelayAudioManager::StartSharing);
+        connect(m_audioManager.get(), &RelayAudioManager::SignalSendRelayCommand, transport,
+                &IConferenceTransport::SendWithPayload);
+        connect(transport, &IConferenceTransport::DataCallback, m_audioManager.get(),
+                &RelayAudioManager::OnAudioData);
     }
     connect(this, &ApplicationWrapper::SignalSendIpcCommand, &m_ipcClient,
             [this](int command, QByteArray data) { m_ipcClient.SendIPC(command, data); });

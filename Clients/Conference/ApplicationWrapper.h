@@ -8,9 +8,8 @@
 // m_transportThread, the IpcClient on its own thread; they reach this
 // object through queued signals.
 //
-// Parts not here yet, each with a seam where it joins: the USB transport
-// (without -t there is no active transport until it lands), and the audio
-// manager.
+// Not here yet: the USB transport (without -t there is no active transport
+// until it lands).
 
 #include "Clients/Conference/IpcClient.h"
 #include "Clients/Conference/RelayConfig.h"
@@ -28,6 +27,7 @@ class QThread;
 namespace quorvan::velorane::relay {
 
 class ConferenceTunnelManager;
+class RelayAudioManager;
 class RelayWindow;
 class TerminationSignalWatcher;
 
@@ -60,6 +60,8 @@ private:
     RelayConfig m_config;
     std::unique_ptr<RelayWindow> m_relayWindow;
     TcpCommunication m_tcpCommunication;
+    // Audio both ways between the local driver and the Kyr; destroyed first.
+    std::unique_ptr<RelayAudioManager> m_audioManager;
     IpcClient m_ipcClient;
     QThread* m_transportThread;
     // A quit runs once; a late signal from a part being stopped is ignored.

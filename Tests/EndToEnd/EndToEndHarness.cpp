@@ -1,5 +1,6 @@
 #include "Tests/EndToEnd/EndToEndHarness.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -176,6 +177,17 @@ bool EndToEndScene::StartStandaloneRelay(const std::vector<std::string>& argumen
 std::vector<std::string> EndToEndScene::VirtualDisplayRecords() const
 {
     return ReadLines(m_dir.File("vdisplay.rec"));
+}
+
+std::vector<std::string> EndToEndScene::KyrVideoRecords() const
+{
+    std::vector<std::string> records = KyrRecords();
+    records.erase(std::remove_if(records.begin(), records.end(),
+                                 [](const std::string& record) {
+                                     return record.rfind("request 1403baea", 0) == 0;
+                                 }),
+                  records.end());
+    return records;
 }
 
 std::vector<std::string> EndToEndScene::KyrRecords() const

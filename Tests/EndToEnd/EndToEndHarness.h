@@ -61,6 +61,9 @@ public:
                               const std::string& virtualDisplayOptions = {});
 
     std::vector<std::string> KyrRecords() const;
+    // The same without the audio service's requests, which the audio
+    // manager sends on its own schedule beside the video ones.
+    std::vector<std::string> KyrVideoRecords() const;
     std::vector<std::string> ClientRecords() const;
     std::vector<std::string> VirtualDisplayRecords() const;
     // All log files of the run, concatenated.

@@ -290,7 +290,7 @@ TEST_F(RelayPictureEndToEndTest, ClientPixelsReplaceThePull)
     // picture (one every 30, two seconds): look until the picture moves.
     ExpectMovingPicture(12s);
     // Nothing was asked of the Kyr after the stop command.
-    const auto kyr = m_scene.KyrRecords();
+    const auto kyr = m_scene.KyrVideoRecords();
     const auto stop = std::find(kyr.begin(), kyr.end(), "request 9945febb34ef000000000000");
     ASSERT_NE(stop, kyr.end());
     EXPECT_EQ(std::count(stop, kyr.end(), "request 9945febbf9d0000000000000"), 0);

@@ -118,7 +118,7 @@ TEST(RelayVideoEndToEndTest, ClientFramesTakeOverFromThePull)
     int code = -1;
     ASSERT_TRUE(scene.Client().WaitForExit(60s, &code));
     EXPECT_EQ(code, 0);
-    const auto kyr = scene.KyrRecords();
+    const auto kyr = scene.KyrVideoRecords();
     // StopVideo: video service, command 0xEF34, no payload; sent once.
     const std::string stopVideo = "request 9945febb34ef000000000000";
     // RequestFrame: video service, command 0xD0F9, no payload.
