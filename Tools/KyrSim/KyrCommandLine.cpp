@@ -115,7 +115,17 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         {"oversized-bytes", "Size of that padded access unit (default 1048600).", "BYTES"},
         {"truncate-at", "Frame N carries the first half of its access unit, length to match.", "N"},
         {"truncate-lie-at", "Frame N's length field claims 4096 bytes more than it carries.", "N"},
-        {"audio-bytes", "Zero bytes in each audio response (default 0).", "N"},
+        {"speaker-wav", "Write the decoded speaker audio to FILE (48 kHz stereo WAV).", "FILE"},
+        {"clock-ahead", "The clock the time-offset ping answers runs MS ahead.", "MS"},
+        {"mic-tone", "Microphone responses carry a tone of HZ (default 440).", "HZ"},
+        {"mic-frames", "Frames per microphone response (default 864, 18 ms).", "N"},
+        {"mic-fault",
+         "Break one microphone response: oversized (883 frames), truncated, "
+         "negative, short (15 bytes) or garbage.",
+         "KIND"},
+        {"mic-fault-at", "The microphone response (from 0) that --mic-fault breaks (default 0).",
+         "N"},
+        {"mic-unsolicited", "Send one microphone response unasked MS after the password.", "MS"},
         {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
         {"close-after", "Answer N requests, then close the connection.", "N"},
         {"garbage-after", "After N answers, send garbage once instead of the next answer.", "N"},
@@ -153,6 +163,34 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     options->hugeSize = parser.isSet("huge-size");
     options->filler = parser.isSet("filler");
     options->smallSize = parser.isSet("small-size");
+    options->speakerWav = parser.value("speaker-wav");
+    options->micFault = parser.value("mic-fault");
+    if (!options->micFault.isEmpty() && options->micFaultAt < 0) {
+        options->micFaultAt = 0;
+    }
+    static const QStringList kFaults = {QStringLiteral("oversized"), QStringLiteral("truncated"),
+                                        QStringLiteral("negative"), QStringLiteral("short"),
+                                        QStringLiteral("garbage")};
+    if (!options->micFault.isEmpty() && !kFaults.contains(options->micFault)) {
+        *message = QStringLiteral("unknown --mic-fault '%1'").arg(options->micFault);
+        return Outcome::Error;
+    }
+    if (parser.isSet("clock-ahead")) {
+        bool ok = false;
+        options->clockAheadMs = parser.value("clock-ahead").toLongLong(&ok);
+        if (!ok) {
+            *message = QStringLiteral("--clock-ahead needs a number of milliseconds");
+            return Outcome::Error;
+        }
+    }
+    if (parser.isSet("mic-tone")) {
+        bool ok = false;
+        options->micToneHz = parser.value("mic-tone").toDouble(&ok);
+        if (!ok || options->micToneHz < 0 || options->micToneHz > 24000) {
+            *message = QStringLiteral("--mic-tone needs a frequency from 0 to 24000");
+            return Outcome::Error;
+        }
+    }
     options->certFile = parser.value("cert");
     options->keyFile = parser.value("key");
     options->recordFile = parser.value("record");
@@ -174,7 +212,9 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     qint64 firstFrame = options->firstFrame;
     if (!ReadNumber(parser, "first-frame", INT32_MIN, INT32_MAX, &firstFrame, message) ||
         !ReadInt(parser, "frame-bytes", 0, kMaxDeclaredBytes, &options->frameBytes, message) ||
-        !ReadInt(parser, "audio-bytes", 0, kMaxDeclaredBytes, &options->audioBytes, message) ||
+        !ReadInt(parser, "mic-frames", 0, 100000, &options->micFrames, message) ||
+        !ReadInt(parser, "mic-fault-at", 0, INT32_MAX, &options->micFaultAt, message) ||
+        !ReadInt(parser, "mic-unsolicited", 0, 3600000, &options->micUnsolicitedMs, message) ||
         !ReadInt(parser, "stall-after", 0, INT32_MAX, &options->stallAfter, message) ||
         !ReadInt(parser, "close-after", 0, INT32_MAX, &options->closeAfter, message) ||
         !ReadInt(parser, "garbage-after", 0, INT32_MAX, &options->garbageAfter, message) ||

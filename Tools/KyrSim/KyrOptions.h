@@ -19,7 +19,19 @@ struct KyrOptions
     qint32 firstFrame = 0;
     bool filler = false; // filler bitstream instead of H.264
     int frameBytes = 64;
-    int audioBytes = 0;
+    // The audio service. The decoded speaker audio goes to speakerWav when
+    // one is named; the Kyr's clock runs clockAheadMs ahead of the real
+    // one; microphone responses carry micFrames frames of a micToneHz tone.
+    QString speakerWav;
+    qint64 clockAheadMs = 0;
+    double micToneHz = 440.0;
+    int micFrames = 864;
+    // The micFaultAt-th microphone response (from 0) is broken as micFault
+    // says: oversized, truncated, negative, short or garbage.
+    QString micFault;
+    int micFaultAt = -1;
+    // A microphone response sent unasked this long after the password.
+    int micUnsolicitedMs = -1;
 
     // Frame faults. N counts the frames answered on a connection from 0.
     int resizeAt = -1;

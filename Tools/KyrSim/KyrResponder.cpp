@@ -4,8 +4,8 @@
 
 namespace kyrsim {
 
-KyrResponder::KyrResponder(const KyrOptions& options)
-    : m_frames(options), m_audioBytes(options.audioBytes)
+KyrResponder::KyrResponder(const KyrOptions& options, KyrAudio* audio)
+    : m_frames(options), m_audio(audio)
 {
 }
 
@@ -30,10 +30,8 @@ QByteArray KyrResponder::Respond(quint32 service, quint32 command, const QByteAr
         m_frames.Start(width, height);
     } else if (service == kServiceVideo && command == kRequestFrame) {
         body = m_frames.NextPayload();
-    } else if (service == kServiceAudio && command == kRequestAudio) {
-        body = QByteArray(m_audioBytes, '\0');
-    } else if (service == kServiceAudio && command == kTimeOffsetPing) {
-        body = payload.left(8);
+    } else if (service == kServiceAudio && m_audio) {
+        body = m_audio->Respond(command, payload);
     }
     // Every other command, known or not, gets an empty response.
     return Header(service, command, static_cast<quint32>(12 + body.size())) + body;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FrameProducer.h"
+#include "KyrAudio.h"
 #include "KyrOptions.h"
 
 #include <QByteArray>
@@ -26,7 +27,8 @@ public:
     static constexpr quint32 kRequestAudio = 0x62EB;
     static constexpr quint32 kTimeOffsetPing = 0xD43E;
 
-    explicit KyrResponder(const KyrOptions& options);
+    // audio answers the audio service; it outlives the responder.
+    KyrResponder(const KyrOptions& options, KyrAudio* audio);
 
     // payload: the request's bytes after its 12-byte header.
     QByteArray Respond(quint32 service, quint32 command, const QByteArray& payload);
@@ -35,7 +37,7 @@ public:
 
 private:
     FrameProducer m_frames;
-    int m_audioBytes;
+    KyrAudio* m_audio;
 };
 
 } // namespace kyrsim

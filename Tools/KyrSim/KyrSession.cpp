@@ -1,5 +1,7 @@
 #include "KyrSession.h"
 
+#include <QTimer>
+
 #include "Console.h"
 #include "ResponseWriter.h"
 #include "Tools/Common/Recorder.h"
@@ -30,9 +32,10 @@ quint32 LittleEndianWord(const QByteArray& bytes, int offset)
 } // namespace
 
 KyrSession::KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder,
-                       QObject* parent)
+                       simcommon::WavWriter* speakerWav, QObject* parent)
     : QObject(parent), m_socket(socket), m_options(options), m_recorder(recorder),
-      m_responder(options), m_writer(new ResponseWriter(socket, options.split, options.merge, this))
+      m_audio(options, recorder, speakerWav), m_responder(options, &m_audio),
+      m_writer(new ResponseWriter(socket, options.split, options.merge, this))
 {
     m_socket->setParent(this);
     connect(m_socket, &QSslSocket::readyRead, this, &KyrSession::OnReadyRead);
@@ -93,6 +96,21 @@ bool KyrSession::TakePassword()
     if (m_options.closeAfter == 0) {
         Close(QStringLiteral("--close-after 0"));
         return false;
+    }
+    if (m_options.micUnsolicitedMs >= 0) {
+        // A microphone response nobody asked for, as the Kyr sends one to
+        // start the relay's polling.
+        QTimer::singleShot(m_options.micUnsolicitedMs, this, [this] {
+            if (m_ended || m_closing) {
+                return;
+            }
+            const QByteArray body = m_audio.MicrophoneBody();
+            m_recorder->Line(QStringLiteral("mic-unsolicited %1").arg(body.size()));
+            m_writer->Send(KyrResponder::Header(KyrResponder::kServiceAudio,
+                                                KyrResponder::kRequestAudio,
+                                                static_cast<quint32>(12 + body.size())) +
+                           body);
+        });
     }
     return true;
 }

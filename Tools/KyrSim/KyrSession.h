@@ -11,7 +11,8 @@
 
 namespace simcommon {
 class Recorder;
-}
+class WavWriter;
+} // namespace simcommon
 
 namespace kyrsim {
 
@@ -26,7 +27,9 @@ class KyrSession : public QObject
     Q_OBJECT
 
 public:
-    KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder, QObject* parent);
+    // speakerWav takes the decoded speaker audio, or is null.
+    KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder,
+               simcommon::WavWriter* speakerWav, QObject* parent);
 
 private:
     void OnReadyRead();
@@ -44,6 +47,7 @@ private:
     QSslSocket* m_socket;
     KyrOptions m_options;
     Recorder* m_recorder;
+    KyrAudio m_audio;
     KyrResponder m_responder;
     ResponseWriter* m_writer;
     QByteArray m_buffer;

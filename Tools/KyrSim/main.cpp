@@ -4,9 +4,10 @@
 #include "Console.h"
 #include "KyrCommandLine.h"
 #include "KyrSession.h"
-#include "Tools/Common/Recorder.h"
 #include "TlsServer.h"
 #include "Tools/Common/H264Encoder.h"
+#include "Tools/Common/Recorder.h"
+#include "Tools/Common/WavWriter.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -105,10 +106,16 @@ int main(int argc, char* argv[])
         PrintErr(message);
         return 2;
     }
+    simcommon::WavWriter speakerWav;
+    if (!options.speakerWav.isEmpty() && !speakerWav.Open(options.speakerWav, 2, 48000, &message)) {
+        PrintErr(message);
+        return 2;
+    }
 
     TlsServer server(certificate, key, options.noTlsReply);
     QObject::connect(&server, &TlsServer::SignalConnection, &server, [&](QSslSocket* socket) {
-        new KyrSession(socket, options, &recorder, &server);
+        new KyrSession(socket, options, &recorder,
+                       options.speakerWav.isEmpty() ? nullptr : &speakerWav, &server);
     });
     if (!server.listen(QHostAddress::LocalHost, options.port)) {
         PrintErr(QStringLiteral("can't listen on 127.0.0.1:%1: %2")

@@ -1,0 +1,161 @@
+// The audio path end to end: driver-sim as the local audio driver, the
+// relay, and kyr-sim's audio service, all real processes on real sockets.
+
+#include "Tests/EndToEnd/EndToEndHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <thread>
+
+using namespace velorane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kInformation = "* Information *";
+
+// The numbers behind "name=" in a record line, or -1.
+long long Field(const std::string& record, const std::string& name)
+{
+    const size_t at = record.find(" " + name + "=");
+    if (at == std::string::npos) {
+        return -1;
+    }
+    return std::strtoll(record.c_str() + at + name.size() + 2, nullptr, 10);
+}
+
+std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
+                                    const std::string& prefix)
+{
+    std::vector<std::string> found;
+    for (const auto& record : records) {
+        if (record.rfind(prefix, 0) == 0) {
+            found.push_back(record);
+        }
+    }
+    return found;
+}
+
+class RelayAudioEndToEndTest : public ::testing::Test
+{
+protected:
+    bool StartDriver(const std::vector<std::string>& extra)
+    {
+        ChildProcess::Options options;
+        options.argv = {BinaryPath("driver-sim"),
+                        "--kyr-port",
+                        std::to_string(m_base),
+                        "--record",
+                        m_driverRecord,
+                        "--time-limit",
+                        "60"};
+        options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+        options.environment = m_scene.Environment();
+        options.outputFile = m_scene.Dir().File("driver.out");
+        return m_driver.Start(options) && m_driver.WaitForOutput("driver-sim: ready", 10s);
+    }
+
+    std::vector<std::string> DriverRecords() const { return ReadLines(m_driverRecord); }
+
+    EndToEndScene m_scene;
+    int m_base = EndToEndScene::FreeBasePort();
+    std::string m_driverRecord = m_scene.Dir().File("driver.rec");
+    ChildProcess m_driver;
+};
+
+} // namespace
+
+TEST_F(RelayAudioEndToEndTest, SpeakerToneReachesTheKyrAndTheMicrophoneReachesTheDriver)
+{
+    // The Kyr's clock runs 5 s ahead, and it starts the microphone polling
+    // with an answer nobody asked for.
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret", "--clock-ahead", "5000",
+                                          "--mic-unsolicited", "500", "--mic-tone", "440"}));
+    ASSERT_TRUE(
+        StartDriver({"--tone", "1000", "--tone-seconds", "3", "--announce-interval", "500"}));
+    ASSERT_TRUE(m_scene.StartClient({"wait:5000", "kill"},
+                                    {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--relayPassword", "secret"}));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    const auto kyr = m_scene.KyrRecords();
+    // One AudioStart at the connection and one at the driver's first
+    // announce.
+    EXPECT_EQ(WithPrefix(kyr, "audio-start").size(), 2u);
+    const auto speaker = WithPrefix(kyr, "speaker stamp=");
+    // Three seconds of 10 ms packets, less what the start-up cost.
+    EXPECT_GE(speaker.size(), 200u) << speaker.size();
+    long long frames = 0;
+    for (const auto& record : speaker) {
+        EXPECT_NE(record.find(" decode=ok"), std::string::npos) << record;
+        frames += Field(record, "frames");
+    }
+    EXPECT_GE(frames, 200LL * 480);
+    // Each 102nd packet brings a ping, which the Kyr answers with its clock.
+    const auto pings = WithPrefix(kyr, "ping sent=");
+    EXPECT_GE(pings.size(), 1u);
+    // After a ping the Kyr clock the relay sends runs 5 s ahead of the
+    // driver's stamps (both are wall clocks on this machine).
+    const std::string& last = speaker.back();
+    const long long lag = Field(last, "kyr-now") - Field(last, "stamp");
+    EXPECT_GT(lag, 4500) << last;
+    EXPECT_LT(lag, 6000) << last;
+
+    const auto driver = DriverRecords();
+    EXPECT_GE(WithPrefix(driver, "address 127.0.0.1 " + std::to_string(m_base) + " secret").size(),
+              1u);
+    const auto microphone = WithPrefix(driver, "mic stamp=");
+    // Polled every 18 ms for over four seconds.
+    ASSERT_GE(microphone.size(), 50u);
+    long long expected = Field(" " + microphone.front(), "stamp");
+    for (const auto& record : microphone) {
+        EXPECT_EQ(Field(record, "frames"), 864) << record;
+        // The Kyr's stamps count frames, and none is lost on the way.
+        EXPECT_EQ(Field(record, "stamp"), expected) << record;
+        expected += 864;
+    }
+    ASSERT_TRUE(WaitFor([&] { return !WithPrefix(DriverRecords(), "goodbye").empty(); }, 10s));
+
+    const std::string log = m_scene.LogText();
+    EXPECT_GE(CountLogLines(log, kInformation, "Start Audio"), 2u) << log;
+    EXPECT_EQ(CountLogLines(log, kInformation, "Start m_usb_timer"), 1u) << log;
+}
+
+TEST_F(RelayAudioEndToEndTest, MalformedDriverDatagramsAndBrokenMicrophoneAnswersAreSurvived)
+{
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret", "--mic-unsolicited", "300",
+                                          "--mic-fault", "oversized", "--mic-fault-at", "3"}));
+    ASSERT_TRUE(StartDriver({"--malformed", "--tone", "440", "--tone-seconds", "2"}));
+    ASSERT_TRUE(m_scene.StartClient({"wait:4000", "kill"},
+                                    {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--relayPassword", "secret"}));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    const auto driver = DriverRecords();
+    EXPECT_EQ(WithPrefix(driver, "malformed 3790").size(), 1u);
+    // The 883-frame answer goes on to the driver whole, its 12-byte header
+    // and all, which the driver reads as 884 frames; the others as 864.
+    const auto microphone = WithPrefix(driver, "mic stamp=");
+    EXPECT_GE(microphone.size(), 20u);
+    size_t whole = 0;
+    for (const auto& record : microphone) {
+        const long long frames = Field(record, "frames");
+        EXPECT_TRUE(frames == 864 || frames == 884) << record;
+        whole += frames == 884 ? 1 : 0;
+    }
+    EXPECT_EQ(whole, 1u);
+    EXPECT_EQ(WithPrefix(m_scene.KyrRecords(), "mic-fault oversized").size(), 1u);
+    // The speaker tone still got through the malformed datagrams.
+    EXPECT_GE(WithPrefix(m_scene.KyrRecords(), "speaker stamp=").size(), 100u);
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, "* Warning     *", "Unknown command 4"), 1u) << log;
+    const auto lines = ParseLogFile(log);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().message, "----------------END----------------");
+}
