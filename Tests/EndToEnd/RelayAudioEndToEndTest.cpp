@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -36,6 +38,63 @@ std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
         }
     }
     return found;
+}
+
+// The left channel of a 16-bit stereo WAV file as the emulators write it
+// (a 44-byte header, then the samples).
+std::vector<int16_t> LeftChannel(const std::string& path)
+{
+    const std::string bytes = ReadFile(path);
+    std::vector<int16_t> left;
+    for (size_t at = 44; at + 4 <= bytes.size(); at += 4) {
+        left.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[at]) |
+                                            (static_cast<uint8_t>(bytes[at + 1]) << 8)));
+    }
+    return left;
+}
+
+// The tone's frequency from its rising zero crossings, in Hz, each placed
+// where the line between its two samples meets zero.
+double Frequency(const std::vector<int16_t>& samples, size_t first)
+{
+    double firstCrossing = -1;
+    double lastCrossing = -1;
+    int crossings = 0;
+    for (size_t i = first + 1; i < samples.size(); ++i) {
+        if (samples[i - 1] < 0 && samples[i] >= 0) {
+            const double at = double(i - 1) + -samples[i - 1] / double(samples[i] - samples[i - 1]);
+            if (crossings == 0) {
+                firstCrossing = at;
+            }
+            lastCrossing = at;
+            ++crossings;
+        }
+    }
+    if (crossings < 2) {
+        return 0;
+    }
+    return (crossings - 1) * 48000.0 / (lastCrossing - firstCrossing);
+}
+
+double RmsDb(const std::vector<int16_t>& samples, size_t first)
+{
+    double sum = 0;
+    for (size_t i = first; i < samples.size(); ++i) {
+        sum += double(samples[i]) * samples[i];
+    }
+    return 10 * std::log10(sum / double(samples.size() - first));
+}
+
+// The longest run of samples within a whisper of silence, from first on.
+size_t LongestSilence(const std::vector<int16_t>& samples, size_t first)
+{
+    size_t longest = 0;
+    size_t run = 0;
+    for (size_t i = first; i < samples.size(); ++i) {
+        run = std::abs(samples[i]) < 200 ? run + 1 : 0;
+        longest = std::max(longest, run);
+    }
+    return longest;
 }
 
 class RelayAudioEndToEndTest : public ::testing::Test
@@ -71,11 +130,14 @@ TEST_F(RelayAudioEndToEndTest, SpeakerToneReachesTheKyrAndTheMicrophoneReachesTh
 {
     // The Kyr's clock runs 5 s ahead, and it starts the microphone polling
     // with an answer nobody asked for.
+    const std::string speakerWav = m_scene.Dir().File("speaker.wav");
+    const std::string micWav = m_scene.Dir().File("mic.wav");
     ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret", "--clock-ahead", "5000",
-                                          "--mic-unsolicited", "500", "--mic-tone", "440"}));
-    ASSERT_TRUE(
-        StartDriver({"--tone", "1000", "--tone-seconds", "3", "--announce-interval", "500"}));
-    ASSERT_TRUE(m_scene.StartClient({"wait:5000", "kill"},
+                                          "--mic-unsolicited", "500", "--mic-tone", "440",
+                                          "--speaker-wav", speakerWav}));
+    ASSERT_TRUE(StartDriver({"--tone", "1000", "--tone-seconds", "5", "--announce-interval", "500",
+                             "--mic-wav", micWav}));
+    ASSERT_TRUE(m_scene.StartClient({"wait:7000", "kill"},
                                     {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
                                      std::to_string(m_base), "--relayPassword", "secret"}));
     int code = -1;
@@ -87,8 +149,8 @@ TEST_F(RelayAudioEndToEndTest, SpeakerToneReachesTheKyrAndTheMicrophoneReachesTh
     // announce.
     EXPECT_EQ(WithPrefix(kyr, "audio-start").size(), 2u);
     const auto speaker = WithPrefix(kyr, "speaker stamp=");
-    // Three seconds of 10 ms packets, less what the start-up cost.
-    EXPECT_GE(speaker.size(), 200u) << speaker.size();
+    // Five seconds of 10 ms packets, less what the start-up cost.
+    EXPECT_GE(speaker.size(), 300u) << speaker.size();
     long long frames = 0;
     for (const auto& record : speaker) {
         EXPECT_NE(record.find(" decode=ok"), std::string::npos) << record;
@@ -119,6 +181,19 @@ TEST_F(RelayAudioEndToEndTest, SpeakerToneReachesTheKyrAndTheMicrophoneReachesTh
         expected += 864;
     }
     ASSERT_TRUE(WaitFor([&] { return !WithPrefix(DriverRecords(), "goodbye").empty(); }, 10s));
+
+    // What the Kyr heard: the 1 kHz tone at the level it was played
+    // (amplitude 10000), past Opus' start-up, without a gap.
+    const std::vector<int16_t> heard = LeftChannel(speakerWav);
+    ASSERT_GE(heard.size(), 48000u * 3);
+    EXPECT_NEAR(Frequency(heard, 4800), 1000.0, 2.0);
+    EXPECT_NEAR(RmsDb(heard, 4800), 20 * std::log10(10000 / std::sqrt(2.0)), 1.0);
+    EXPECT_LE(LongestSilence(heard, 4800), 480u);
+    // What the driver got: the Kyr's 440 Hz tone (amplitude 8000).
+    ASSERT_TRUE(WaitFor([&] { return LeftChannel(micWav).size() >= 48000u * 2; }, 10s));
+    const std::vector<int16_t> microphoneAudio = LeftChannel(micWav);
+    EXPECT_NEAR(Frequency(microphoneAudio, 0), 440.0, 2.0);
+    EXPECT_NEAR(RmsDb(microphoneAudio, 0), 20 * std::log10(8000 / std::sqrt(2.0)), 1.0);
 
     const std::string log = m_scene.LogText();
     EXPECT_GE(CountLogLines(log, kInformation, "Start Audio"), 2u) << log;
@@ -158,4 +233,33 @@ TEST_F(RelayAudioEndToEndTest, MalformedDriverDatagramsAndBrokenMicrophoneAnswer
     const auto lines = ParseLogFile(log);
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().message, "----------------END----------------");
+}
+
+TEST_F(RelayAudioEndToEndTest, SilentDriverIsStoppedAfterTenSecondsAndStartedWhenItComesBack)
+{
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret"}));
+    // Announces stop after 1 s and come back after 13 s.
+    ASSERT_TRUE(StartDriver({"--announce-interval", "300", "--announce-pause-at", "1000",
+                             "--announce-resume-at", "13000"}));
+    ASSERT_TRUE(m_scene.StartClient({"wait:16000", "kill"},
+                                    {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--relayPassword", "secret"}));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    std::vector<std::string> audio;
+    for (const auto& record : m_scene.KyrRecords()) {
+        if (record == "audio-start" || record == "audio-stop") {
+            audio.push_back(record);
+        }
+    }
+    // At the connection, at the first announce, the stop after 10 s of
+    // silence, and the start when the driver is back.
+    EXPECT_EQ(audio, (std::vector<std::string>{"audio-start", "audio-start", "audio-stop",
+                                               "audio-start"}));
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, kInformation, "Stop Audio"), 1u) << log;
+    EXPECT_EQ(CountLogLines(log, kInformation, "Start Audio"), 3u) << log;
+    ASSERT_TRUE(WaitFor([&] { return !WithPrefix(DriverRecords(), "goodbye").empty(); }, 10s));
 }
