@@ -184,7 +184,16 @@ std::vector<std::string> EndToEndScene::KyrVideoRecords() const
     std::vector<std::string> records = KyrRecords();
     records.erase(std::remove_if(records.begin(), records.end(),
                                  [](const std::string& record) {
-                                     return record.rfind("request 1403baea", 0) == 0;
+                                     // The audio service's requests and what
+                                     // kyr-sim records of them.
+                                     for (const char* prefix :
+                                          {"request 1403baea", "audio-start", "audio-stop",
+                                           "speaker ", "ping ", "mic-"}) {
+                                         if (record.rfind(prefix, 0) == 0) {
+                                             return true;
+                                         }
+                                     }
+                                     return false;
                                  }),
                   records.end());
     return records;
