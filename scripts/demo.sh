@@ -2,7 +2,10 @@
 # Shows the relay at work on one machine: kyr-sim plays the Kyr and serves a
 # live H.264 test picture, client-sim plays the client application, starts
 # the relay and asks it to pull frames, and the relay shows them in its
-# window. With a DISPLAY the window stays up for 30 s; without one the demo
+# window. driver-sim plays the local audio driver: its 1 kHz tone goes
+# through the relay to kyr-sim, which writes what it heard to
+# DIR/demo-audio.wav, and kyr-sim's 440 Hz microphone tone comes back to
+# driver-sim, which writes it to DIR/demo-microphone.wav. With a DISPLAY the window stays up for 30 s; without one the demo
 # runs for about 6 s on a private Xvfb and saves a screenshot.
 set -euo pipefail
 
@@ -19,8 +22,10 @@ shows it in its window.
   --build-dir DIR  build tree to use (default build)
 
 Without DISPLAY a private Xvfb is started and a screenshot of its whole
-screen is saved to DIR/demo.png while the relay runs. The programs' output
-goes to DIR/demo-logs/.
+screen is saved to DIR/demo.png while the relay runs. The speaker audio
+kyr-sim heard is saved to DIR/demo-audio.wav and the microphone audio the
+driver got to DIR/demo-microphone.wav. The programs' output goes to
+DIR/demo-logs/.
 EOF
 }
 
@@ -62,6 +67,7 @@ password="demo"
 tmp=""
 kyr_pid=""
 client_pid=""
+driver_pid=""
 relay_pids=""
 sleep_pid=""
 
@@ -87,7 +93,8 @@ cleanup() {
         kill "$pid" 2>/dev/null
     done
     [[ -n "$kyr_pid" ]] && kill "$kyr_pid" 2>/dev/null
-    for pid in $sleep_pid $client_pid $kyr_pid; do
+    [[ -n "$driver_pid" ]] && kill "$driver_pid" 2>/dev/null
+    for pid in $sleep_pid $client_pid $kyr_pid $driver_pid; do
         wait "$pid" 2>/dev/null
     done
     for pid in $relay_pids; do
@@ -117,7 +124,7 @@ cmake -S . -B "$build" -G Ninja
 cmake --build "$build"
 
 bin="$build/bin"
-for program in kyr-sim client-sim velorane-relay screen-grab; do
+for program in kyr-sim client-sim driver-sim velorane-relay screen-grab; do
     [[ -x "$bin/$program" ]] || {
         echo "demo: $bin/$program was not built" >&2
         exit 1
@@ -156,6 +163,7 @@ for _ in $(seq 20); do
     "$bin/kyr-sim" --base-port "$candidate" --password "$password" \
         --cert "$tmp/cert/kyr-sim.crt" --key "$tmp/cert/kyr-sim.key" \
         --record "$logs/kyr-sim.record" --time-limit $((seconds + 60)) \
+        --speaker-wav "$build/demo-audio.wav" --mic-unsolicited 500 \
         >"$logs/kyr-sim.out" 2>"$logs/kyr-sim.err" &
     kyr_pid=$!
     for _ in $(seq 100); do
@@ -176,6 +184,25 @@ done
     exit 1
 }
 echo "demo: kyr-sim serves the test picture on 127.0.0.1:$((base + 3))"
+
+# The audio driver's control port is 9002 on every machine; when something
+# else holds it the demo goes on without audio.
+"$bin/driver-sim" --kyr-port "$base" --tone 1000 --tone-seconds "$seconds" \
+    --record "$logs/driver-sim.record" --mic-wav "$build/demo-microphone.wav" \
+    --time-limit $((seconds + 30)) >"$logs/driver-sim.out" 2>"$logs/driver-sim.err" &
+driver_pid=$!
+for _ in $(seq 50); do
+    grep -q "driver-sim: ready" "$logs/driver-sim.out" && break
+    kill -0 "$driver_pid" 2>/dev/null || break
+    sleep 0.1
+done
+if grep -q "driver-sim: ready" "$logs/driver-sim.out"; then
+    echo "demo: driver-sim plays a 1 kHz tone into the relay"
+else
+    echo "demo: driver-sim didn't start, no audio this time (see $logs/driver-sim.err)" >&2
+    wait "$driver_pid" 2>/dev/null || true
+    driver_pid=""
+fi
 
 # A private TMPDIR holds this run's VELORANE_RELAY socket.
 mkdir -p "$tmp/run"
@@ -206,4 +233,13 @@ wait "$client_pid" || status=$?
 client_pid=""
 relay_pids=""
 echo "demo: relay exited with code $status (output in $logs/)"
+if [[ -n "$driver_pid" ]]; then
+    # driver-sim writes its microphone WAV out when it is told to stop.
+    kill "$driver_pid" 2>/dev/null || true
+    wait "$driver_pid" 2>/dev/null || true
+    driver_pid=""
+    packets=$(grep -c "^speaker stamp=" "$logs/kyr-sim.record" || true)
+    echo "demo: kyr-sim heard $packets speaker packets; it wrote what it heard to $build/demo-audio.wav"
+    echo "demo: the driver got the Kyr's microphone tone in $build/demo-microphone.wav"
+fi
 exit "$status"
