@@ -368,6 +368,26 @@ TEST_F(AudioManagerTest, SilentDriverIsStoppedAfterTenSecondsAndStartedAgain)
     EXPECT_EQ(m_capture->Count("Start Audio"), 2u);
 }
 
+TEST_F(AudioManagerTest, AnnounceJustInsideTenSecondsKeepsTheDriverAlive)
+{
+    Start();
+    SendFromDriver(Announce());
+    WaitForCommand(RelayCommandAudioStart);
+    // The next announce comes 9.7 s later, before the expiry thread's look
+    // past 10 s: the driver stays alive, and only the silence after it ends
+    // the audio, 10 s after the second announce.
+    PumpEventsFor(9700ms);
+    SendFromDriver(Announce());
+    const auto renewed = std::chrono::steady_clock::now();
+    PumpEventsFor(800ms);
+    EXPECT_EQ(m_capture->Count("Stop Audio"), 0u);
+    EXPECT_EQ(m_commands.Count(RelayCommandAudioStop), 0u);
+    ASSERT_TRUE(m_capture->WaitFor("Stop Audio", 12s));
+    const auto waited = std::chrono::steady_clock::now() - renewed;
+    EXPECT_GE(waited, 9900ms);
+    EXPECT_EQ(m_capture->Count("Start Audio"), 1u);
+}
+
 TEST_F(AudioManagerTest, ShortSpeakerDatagramsAndCommandsZeroAndOneAreIgnoredQuietly)
 {
     Start();
