@@ -12,6 +12,7 @@ PACKAGES=(
     libcli11-dev libmsgsl-dev
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     xvfb xauth x11-utils libgl1-mesa-dri
+    umockdev libumockdev-dev
     openssl ca-certificates
 )
 

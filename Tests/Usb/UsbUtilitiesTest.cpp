@@ -1,0 +1,206 @@
+// UsbUtilities against a Kyr emulated with umockdev: the device list,
+// Connect, both SendBinary forms, hot-plug. Runs under umockdev's preload
+// library (CTest sets it); without it the tests say so and skip.
+
+#include "Common/UsbUtilities/Src/UsbUtilities.h"
+#include "Tests/Support/CapturingLogStore.h"
+#include "Tests/Usb/EmulatedUsbDevice.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+using namespace velorane::test;
+using quorvan::EGroupValueInformation;
+using quorvan::EGroupValueSevere;
+using quorvan::velorane::UsbUtilities;
+
+namespace {
+
+constexpr uint16_t kVendor = 0x7A31;
+const std::vector<std::pair<int, int>> kKyrIds = {{0x7A31, 0x0301}, {0x7A31, 0x0300}};
+
+bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+class UsbUtilitiesTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!EmulatedUsbDevice::InMockEnvironment()) {
+            GTEST_SKIP() << "not under umockdev's preload library";
+        }
+        // The testbed before the library's context: it points libusb at
+        // the emulated sysfs.
+        m_device = std::make_unique<EmulatedUsbDevice>();
+    }
+
+    std::vector<std::string> InformationAndSevere()
+    {
+        std::vector<std::string> lines;
+        for (const auto& line : m_capture.Store().Lines()) {
+            if (line.message.rfind("libusb version ", 0) != 0) {
+                lines.push_back(line.message);
+            }
+        }
+        return lines;
+    }
+
+    ScopedLogCapture m_capture;
+    std::unique_ptr<EmulatedUsbDevice> m_device;
+};
+
+} // namespace
+
+TEST_F(UsbUtilitiesTest, NoMatchingDeviceIsZeroAndSendingIsRefused)
+{
+    m_device->Plug(0x1234, 0x5678);
+    UsbUtilities usb(kKyrIds);
+    EXPECT_EQ(usb.Connect(), 0);
+    EXPECT_FALSE(usb.IsConnected());
+    unsigned char byte = 1;
+    EXPECT_EQ(usb.SendBinary(&byte, 1, 100), -1);
+    EXPECT_TRUE(m_capture->Contains(EGroupValueInformation, "invalid device or handle!"));
+    ASSERT_EQ(InformationAndSevere(), std::vector<std::string>{"invalid device or handle!"});
+    EXPECT_EQ(m_capture->Count("libusb version 1.0.26.11724"), 1u);
+}
+
+TEST_F(UsbUtilitiesTest, ConnectsToTheKyrOnceAndASecondConnectIsTheSame)
+{
+    m_device->Plug(kVendor, 0x0300);
+    UsbUtilities usb(kKyrIds);
+    EXPECT_EQ(usb.Connect(), 1);
+    EXPECT_TRUE(usb.IsConnected());
+    EXPECT_EQ(usb.Connect(), 1);
+    EXPECT_EQ(
+        InformationAndSevere(),
+        (std::vector<std::string>{"Connecting to vid=[0x7A31] pid=[0x0300]", "Device connected!"}));
+    usb.Disconnect();
+    EXPECT_FALSE(usb.IsConnected());
+    EXPECT_EQ(m_capture->Count("Disconnecting from vid=[0x7A31] pid=[0x0300]"), 1u);
+}
+
+TEST_F(UsbUtilitiesTest, DisconnectOnAClosedObjectOnlyClears)
+{
+    UsbUtilities usb(kKyrIds);
+    usb.Disconnect();
+    usb.Disconnect();
+    EXPECT_TRUE(m_capture->Messages().empty());
+}
+
+TEST_F(UsbUtilitiesTest, RequestGoesOutAndTheAnswerComesBack)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    ASSERT_EQ(usb.Connect(), 1);
+    m_device->QueueAnswer({9, 8, 7, 6, 5});
+    unsigned char request[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    unsigned char response[64] = {};
+    EXPECT_EQ(usb.SendBinary(request, 12, response, 64, 2000, 5000), 5);
+    EXPECT_EQ(std::vector<uint8_t>(response, response + 5), (std::vector<uint8_t>{9, 8, 7, 6, 5}));
+    ASSERT_EQ(m_device->OutTransfers().size(), 1u);
+    EXPECT_EQ(m_device->OutTransfers()[0], std::vector<uint8_t>(request, request + 12));
+    EXPECT_TRUE(m_device->UnknownRequests().empty());
+}
+
+TEST_F(UsbUtilitiesTest, ShortOutReturnsItsCountAndNoInIsMade)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    ASSERT_EQ(usb.Connect(), 1);
+    m_device->ShortenNextOut(5);
+    m_device->QueueAnswer({1});
+    unsigned char request[12] = {};
+    unsigned char response[8] = {};
+    EXPECT_EQ(usb.SendBinary(request, 12, response, 8, 2000, 5000), 5);
+    // The answer is still waiting: no IN transfer was made.
+    m_device->QueueAnswer({2});
+    EXPECT_EQ(usb.SendBinary(request, 12, response, 8, 2000, 5000), 1);
+    EXPECT_EQ(response[0], 1);
+}
+
+TEST_F(UsbUtilitiesTest, SilentDeviceTimesOutWithTheLibusbError)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    ASSERT_EQ(usb.Connect(), 1);
+    unsigned char request[4] = {};
+    unsigned char response[8] = {};
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(usb.SendBinary(request, 4, response, 8, 2000, 300), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(280));
+    EXPECT_TRUE(m_capture->Contains(EGroupValueSevere,
+                                    "FAILED: libusb_bulk_transfer: [-7] (LIBUSB_ERROR_TIMEOUT)"));
+}
+
+TEST_F(UsbUtilitiesTest, AnswerLongerThanTheBufferIsAnOverflow)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    ASSERT_EQ(usb.Connect(), 1);
+    m_device->QueueAnswer(std::vector<uint8_t>(16, 0xAB));
+    unsigned char request[4] = {};
+    unsigned char response[8] = {};
+    EXPECT_EQ(usb.SendBinary(request, 4, response, 8, 2000, 2000), LIBUSB_ERROR_OVERFLOW);
+    EXPECT_TRUE(m_capture->Contains(EGroupValueSevere,
+                                    "FAILED: libusb_bulk_transfer: [-8] (LIBUSB_ERROR_OVERFLOW)"));
+}
+
+TEST_F(UsbUtilitiesTest, UnregisterWithoutRegisterDoesNothing)
+{
+    UsbUtilities usb(kKyrIds);
+    usb.Unregister();
+    EXPECT_TRUE(m_capture->Messages().empty());
+}
+
+TEST_F(UsbUtilitiesTest, PlugAndUnplugOfTheKyrReachTheCallbackOthersDont)
+{
+    UsbUtilities usb(kKyrIds);
+    std::mutex lock;
+    std::vector<int> statuses;
+    ASSERT_EQ(usb.Register([&](int status) {
+        std::lock_guard<std::mutex> hold(lock);
+        statuses.push_back(status);
+    }),
+              0);
+    m_device->Plug(0x1234, 0x5678, 3);
+    m_device->Plug(kVendor, 0x0301, 2);
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            std::lock_guard<std::mutex> hold(lock);
+            return !statuses.empty();
+        },
+        std::chrono::seconds(5)));
+    m_device->Unplug(2);
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            std::lock_guard<std::mutex> hold(lock);
+            return statuses.size() >= 2;
+        },
+        std::chrono::seconds(5)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    usb.Unregister();
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        EXPECT_EQ(statuses,
+                  (std::vector<int>{UsbUtilities::kDeviceArrived, UsbUtilities::kDeviceLeft}));
+    }
+    EXPECT_EQ(InformationAndSevere(),
+              (std::vector<std::string>{"Device plugged: vid=[0x7A31] pid=[0x0301]",
+                                        "Device unplugged: vid=[0x7A31] pid=[0x0301]"}));
+}
