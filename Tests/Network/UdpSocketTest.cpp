@@ -4,37 +4,31 @@
 #include "Common/Network/Src/SimpleUdpServer.h"
 #include "Common/Network/Src/UdpClient.h"
 #include "Common/Network/Src/UdpUtilRuntimeError.h"
+#include "Tests/Network/SocketProbe.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <exception>
+#include <functional>
 #include <string>
 #include <vector>
 
 using namespace quorvan;
+using velorane::test::FreeUdpPort;
+using velorane::test::HeldUdpPort;
+using velorane::test::OpenDescriptors;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// A port that was free for UDP on 127.0.0.1 a moment ago, held by nobody.
-int FreeUdpPort()
-{
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
 
 std::string ThrownText(const std::function<void()>& make)
 {
@@ -55,6 +49,65 @@ long long MillisecondsSince(Clock::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
+
+// A receive on a socket nobody sends to: -1 with EAGAIN after waiting at
+// least atLeastMs and, generously, below belowMs.
+void ExpectSilentWait(SimpleUdpServer& server, int maxWaitMs, long long atLeastMs,
+                      long long belowMs)
+{
+    std::vector<gsl::byte> buffer(16);
+    const auto start = Clock::now();
+    errno = 0;
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), maxWaitMs), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    const long long waited = MillisecondsSince(start);
+    EXPECT_GE(waited, atLeastMs);
+    EXPECT_LT(waited, belowMs);
+}
+
+// Holds descriptors on /dev/null until the process can open no more (with
+// the soft limit lowered to limit), or until one lands at stopAt; gives them
+// back and restores the limit when it ends.
+class HeldDescriptors
+{
+public:
+    HeldDescriptors(rlim_t limit, int stopAt)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_saved);
+        rlimit changed = m_saved;
+        changed.rlim_cur = std::min(limit, m_saved.rlim_max);
+        ::setrlimit(RLIMIT_NOFILE, &changed);
+        for (;;) {
+            const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            if (fd < 0) {
+                break;
+            }
+            m_held.push_back(fd);
+            if (fd >= stopAt) {
+                break;
+            }
+        }
+    }
+    ~HeldDescriptors()
+    {
+        Release();
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+    }
+    HeldDescriptors(const HeldDescriptors&) = delete;
+    HeldDescriptors& operator=(const HeldDescriptors&) = delete;
+
+    void Release()
+    {
+        for (const int fd : m_held) {
+            ::close(fd);
+        }
+        m_held.clear();
+    }
+
+private:
+    rlimit m_saved{};
+    std::vector<int> m_held;
+};
 
 } // namespace
 
@@ -85,26 +138,14 @@ TEST(UdpSocketTest, DatagramGoesFromClientToServer)
 TEST(UdpSocketTest, SilentSocketTimesOutWithEagainAfterAbout100Ms)
 {
     SimpleUdpServer server("127.0.0.1", FreeUdpPort());
-    std::vector<gsl::byte> buffer(16);
-    const auto start = Clock::now();
-    errno = 0;
-    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), 100), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    const long long waited = MillisecondsSince(start);
-    EXPECT_GE(waited, 90);
-    EXPECT_LT(waited, 2000);
+    ExpectSilentWait(server, 100, 90, 2000);
 }
 
 TEST(UdpSocketTest, FifteenHundredWaitsOneAndAHalfSeconds)
 {
+    // 1 second and 500,000 microseconds.
     SimpleUdpServer server("127.0.0.1", FreeUdpPort());
-    std::vector<gsl::byte> buffer(16);
-    const auto start = Clock::now();
-    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), 1500), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    const long long waited = MillisecondsSince(start);
-    EXPECT_GE(waited, 1450);
-    EXPECT_LT(waited, 4000);
+    ExpectSilentWait(server, 1500, 1450, 4000);
 }
 
 TEST(UdpSocketTest, LongerDatagramIsCutShortByTheBuffer)
@@ -122,17 +163,11 @@ TEST(UdpSocketTest, LongerDatagramIsCutShortByTheBuffer)
 
 TEST(UdpSocketTest, PortHeldWithoutReuseGivesTheBindText)
 {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    socklen_t length = sizeof(address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    const int port = ntohs(address.sin_port);
+    HeldUdpPort held;
+    ASSERT_TRUE(held.Bound());
+    const int port = held.Port();
     EXPECT_EQ(ThrownText([&] { SimpleUdpServer server("127.0.0.1", port); }),
               "could not bind UDP socket with: \"127.0.0.1:" + std::to_string(port) + "\"");
-    ::close(fd);
 }
 
 TEST(UdpSocketTest, UnresolvableAddressIsWordedByEachClass)
@@ -168,4 +203,115 @@ TEST(UdpSocketTest, ReceiveBufferAnswerComparesTheOptionLength)
     EXPECT_TRUE(server.setReceiveBufferSize(4));
     EXPECT_FALSE(server.setReceiveBufferSize(65536));
     EXPECT_FALSE(server.setReceiveBufferSize(0));
+}
+
+TEST(UdpSocketTest, NoDescriptorLeftGivesEachClassItsSocketText)
+{
+    const int before = OpenDescriptors();
+    std::exception_ptr clientError;
+    std::exception_ptr serverError;
+    {
+        // Only caught here: the sanitizers' checks of a call on the error
+        // need descriptors of their own.
+        HeldDescriptors exhausted(64, 1 << 30);
+        try {
+            UdpClient client("127.0.0.1", 9);
+        } catch (...) {
+            clientError = std::current_exception();
+        }
+        try {
+            SimpleUdpServer server("127.0.0.1", 9);
+        } catch (...) {
+            serverError = std::current_exception();
+        }
+    }
+    EXPECT_EQ(ThrownText([&] {
+                  if (clientError) {
+                      std::rethrow_exception(clientError);
+                  }
+              }),
+              "could not create socket for: \"127.0.0.1:9\"");
+    EXPECT_EQ(ThrownText([&] {
+                  if (serverError) {
+                      std::rethrow_exception(serverError);
+                  }
+              }),
+              "could not create UDP socket for: \"127.0.0.1:9\"");
+    // Nothing taken on the way stays open.
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(UdpSocketTest, FailedConstructionsCloseWhatTheyOpened)
+{
+    const int before = OpenDescriptors();
+    {
+        HeldUdpPort held;
+        ASSERT_TRUE(held.Bound());
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_THROW(SimpleUdpServer("127.0.0.1", held.Port()), UdpUtilRuntimeError);
+            EXPECT_THROW(SimpleUdpServer("no such host.invalid", 9), UdpUtilRuntimeError);
+            EXPECT_THROW(UdpClient("no such host.invalid", 9), UdpUtilRuntimeError);
+        }
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+    {
+        SimpleUdpServer server("127.0.0.1", FreeUdpPort());
+        UdpClient client("127.0.0.1", server.getPort());
+        EXPECT_EQ(OpenDescriptors(), before + 2);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(UdpSocketTest, RefusedTimeOutIsSelectsFailure)
+{
+    SimpleUdpServer server("127.0.0.1", FreeUdpPort());
+    std::vector<gsl::byte> buffer(16);
+    errno = 0;
+    // -1 ms is -1000 microseconds, which select refuses.
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), -1), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(UdpSocketTest, ZeroWaitLooksOnceAndReturns)
+{
+    const int port = FreeUdpPort();
+    SimpleUdpServer server("127.0.0.1", port);
+    std::vector<gsl::byte> buffer(16);
+    const auto start = Clock::now();
+    errno = 0;
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), 0), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_LT(MillisecondsSince(start), 500);
+    UdpClient client("127.0.0.1", port);
+    ASSERT_EQ(client.send(Bytes("x"), 1), 1);
+    // A datagram on loopback is queued by the time sendto returns.
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), 0), 1);
+}
+
+TEST(UdpSocketTest, SocketPastTheSelectSetWaitsAndReceivesAlike)
+{
+    rlimit limits{};
+    ::getrlimit(RLIMIT_NOFILE, &limits);
+    if (limits.rlim_max < FD_SETSIZE + 16) {
+        GTEST_SKIP() << "the hard descriptor limit is below " << FD_SETSIZE + 16;
+    }
+    HeldDescriptors low(FD_SETSIZE + 16, FD_SETSIZE - 1);
+    const int port = FreeUdpPort();
+    SimpleUdpServer server("127.0.0.1", port);
+    low.Release();
+    ASSERT_GE(server.getSocket(), FD_SETSIZE);
+
+    ExpectSilentWait(server, 100, 90, 2000);
+
+    std::vector<gsl::byte> buffer(16);
+    errno = 0;
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), -1), -1);
+    EXPECT_EQ(errno, EINVAL);
+
+    UdpClient client("127.0.0.1", port);
+    ASSERT_EQ(client.send(Bytes("high"), 4), 4);
+    const auto start = Clock::now();
+    EXPECT_EQ(server.timedRecv(buffer.data(), buffer.size(), 1000), 4);
+    EXPECT_LT(MillisecondsSince(start), 500);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), 4), "high");
 }

@@ -4,6 +4,7 @@
 #include "Common/Network/Src/UdpUtilRuntimeError.h"
 
 #include <netdb.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,35 @@
 #include <cerrno>
 
 namespace quorvan {
+
+namespace {
+
+// select on the one socket: its count of ready descriptors, or -1.
+int WaitWithSelect(int socket, timeval timeout)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(socket, &set);
+    return ::select(socket + 1, &set, nullptr, nullptr, &timeout);
+}
+
+// An fd_set can't name a descriptor at FD_SETSIZE or above, so such a
+// socket waits in poll for the same time, and a time-out that select would
+// refuse is refused alike.
+int WaitWithPoll(int socket, timeval timeout)
+{
+    if (timeout.tv_sec < 0 || timeout.tv_usec < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    pollfd watched{};
+    watched.fd = socket;
+    watched.events = POLLIN;
+    const int waitMs = static_cast<int>(timeout.tv_sec * 1000 + timeout.tv_usec / 1000);
+    return ::poll(&watched, 1, waitMs);
+}
+
+} // namespace
 
 SimpleUdpServer::SimpleUdpServer(const std::string& address, int port)
     : m_port(port), m_address(address)
@@ -70,19 +100,11 @@ ssize_t SimpleUdpServer::recv(gsl::byte* buffer, size_t size)
 
 ssize_t SimpleUdpServer::timedRecv(gsl::byte* buffer, size_t size, int maxWaitMs)
 {
-    // select can't watch a descriptor past FD_SETSIZE; such a socket waits
-    // out its time as a silent one would rather than write past the set.
-    if (m_socket >= FD_SETSIZE) {
-        errno = EAGAIN;
-        return -1;
-    }
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(m_socket, &set);
     timeval timeout;
     timeout.tv_sec = maxWaitMs / 1000;
     timeout.tv_usec = (maxWaitMs % 1000) * 1000;
-    const int ready = ::select(m_socket + 1, &set, nullptr, nullptr, &timeout);
+    const int ready =
+        m_socket < FD_SETSIZE ? WaitWithSelect(m_socket, timeout) : WaitWithPoll(m_socket, timeout);
     if (ready == -1) {
         return -1;
     }
