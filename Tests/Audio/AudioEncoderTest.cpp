@@ -63,6 +63,16 @@ public:
     }
 };
 
+// Brings a ring of 16 to write position 4 by writing 12 bytes, skipping
+// skipped of them and writing 8 more over the end.
+void WrapAround(RingBuffer& ring, size_t skipped)
+{
+    CountingReader reader;
+    ASSERT_EQ(ring.Write(reader, 12), 0);
+    ASSERT_EQ(ring.Skip(skipped), 0);
+    ASSERT_EQ(ring.Write(reader, 8), 0);
+}
+
 } // namespace
 
 TEST(AudioEncoderTest, OnePacketOfStereoLeavesTheRingEmpty)
@@ -167,7 +177,9 @@ TEST(AudioEncoderTest, OtherInputRatesAreResampledTo48k)
 TEST(AudioEncoderTest, RefusedChannelCountFailsAndStaysInErrorState)
 {
     ScopedLogCapture capture;
+    // libopus would refuse three channels, but nothing asks it yet.
     std::unique_ptr<IAudioEncoder> encoder(IAudioEncoder::CreateInstance(3, 48000));
+    EXPECT_TRUE(capture->Messages().empty());
     const std::vector<int16_t> samples(3 * 480, 0);
     auto output = std::make_unique<uint8_t[]>(8);
     size_t size = 5;
@@ -184,7 +196,6 @@ TEST(AudioEncoderTest, RefusedChannelCountFailsAndStaysInErrorState)
 TEST(AudioEncoderTest, FullRingLosesTheCallsInputAndKeepsWhatIsStored)
 {
     ScopedLogCapture capture;
-    std::unique_ptr<IAudioEncoder> encoder(IAudioEncoder::CreateInstance(2, 48000));
     // At 8 kHz, 16000 frames become 96000: 384000 bytes, more than the ring's
     // 192000 less one.
     const std::vector<int16_t> samples(2 * 16000, 7);
@@ -194,6 +205,10 @@ TEST(AudioEncoderTest, FullRingLosesTheCallsInputAndKeepsWhatIsStored)
     EXPECT_EQ(slow->Encode(samples.data(), samples.size() * 2, output, size), AudioError);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(capture->Messages(), std::vector<std::string>{"overflow: 384000 > 191999"});
+    // The encoder was made all the same; the ring holds nothing.
+    const std::vector<int16_t> frame(2 * 80, 7);
+    EXPECT_EQ(slow->Encode(frame.data(), frame.size() * 2, output, size), 0);
+    EXPECT_EQ(PacketSizes(output.get(), size).size(), 1u);
 }
 
 TEST(RingBufferTest, EmptyRingTakesOneByteLessThanItsCapacity)
@@ -210,11 +225,8 @@ TEST(RingBufferTest, EmptyRingTakesOneByteLessThanItsCapacity)
 TEST(RingBufferTest, WritesWrapAroundAndReadsComeBackInOrder)
 {
     RingBuffer ring(16);
-    CountingReader reader;
-    ASSERT_EQ(ring.Write(reader, 12), 0);
-    ASSERT_EQ(ring.Skip(10), 0);
     // Write position 12, read position 10: 8 bytes go in as 4 and 4.
-    ASSERT_EQ(ring.Write(reader, 8), 0);
+    WrapAround(ring, 10);
     EXPECT_EQ(ring.Stored(), 10u);
     const uint8_t* pointer = nullptr;
     ASSERT_EQ(ring.GetContiguous(0, 6, pointer), 0);
@@ -231,10 +243,7 @@ TEST(RingBufferTest, ReadAcrossTheEndIsRefusedAndPastTheStoredAmountIsNoError)
 {
     ScopedLogCapture capture;
     RingBuffer ring(16);
-    CountingReader reader;
-    ASSERT_EQ(ring.Write(reader, 12), 0);
-    ASSERT_EQ(ring.Skip(12), 0);
-    ASSERT_EQ(ring.Write(reader, 8), 0);
+    WrapAround(ring, 12);
     const uint8_t* pointer = reinterpret_cast<const uint8_t*>(1);
     EXPECT_EQ(ring.GetContiguous(0, 9, pointer), 0);
     EXPECT_EQ(pointer, nullptr);
@@ -242,6 +251,95 @@ TEST(RingBufferTest, ReadAcrossTheEndIsRefusedAndPastTheStoredAmountIsNoError)
     EXPECT_EQ(ring.GetContiguous(0, 8, pointer), AudioError);
     EXPECT_EQ(pointer, nullptr);
     EXPECT_EQ(capture->Messages(), std::vector<std::string>{"non-contiguous read: 12, 8, 16"});
+}
+
+TEST(RingBufferTest, WithTheReadPositionAheadNoByteIsHeldBack)
+{
+    ScopedLogCapture capture;
+    RingBuffer ring(16);
+    CountingReader reader;
+    WrapAround(ring, 10);
+    // Write position 4, read position 10: the room is all 6 bytes between.
+    EXPECT_EQ(ring.Write(reader, 7), AudioError);
+    EXPECT_EQ(capture->Messages(), std::vector<std::string>{"overflow: 7 > 6"});
+    EXPECT_TRUE(capture->Contains(EGroupValueSevere, "overflow: 7 > 6"));
+    EXPECT_EQ(ring.Stored(), 10u);
+    // Taking them brings the positions together, and a full ring reads as
+    // an empty one.
+    EXPECT_EQ(ring.Write(reader, 6), 0);
+    EXPECT_EQ(ring.Stored(), 0u);
+    const uint8_t* pointer = reinterpret_cast<const uint8_t*>(1);
+    EXPECT_EQ(ring.GetContiguous(0, 1, pointer), 0);
+    EXPECT_EQ(pointer, nullptr);
+}
+
+namespace {
+
+// Records each Read it is asked for, and fails the one numbered failAt.
+class RecordingReader : public virtual IReader
+{
+public:
+    explicit RecordingReader(int failAt) : m_failAt(failAt) {}
+    int32_t Read(uint8_t* destination, size_t offset, size_t size) override
+    {
+        calls.emplace_back(offset, size);
+        if (static_cast<int>(calls.size()) == m_failAt) {
+            return AudioError;
+        }
+        for (size_t i = 0; i < size; ++i) {
+            destination[i] = static_cast<uint8_t>(100 + offset + i);
+        }
+        return 0;
+    }
+    std::vector<std::pair<size_t, size_t>> calls;
+
+private:
+    int m_failAt;
+};
+
+} // namespace
+
+TEST(RingBufferTest, WriteOverTheEndReadsTwiceAndAFailedReadStoresNothing)
+{
+    RingBuffer ring(16);
+    CountingReader counting;
+    ASSERT_EQ(ring.Write(counting, 12), 0);
+    ASSERT_EQ(ring.Skip(12), 0);
+
+    RecordingReader failsSecond(2);
+    EXPECT_EQ(ring.Write(failsSecond, 10), AudioError);
+    EXPECT_EQ(failsSecond.calls, (std::vector<std::pair<size_t, size_t>>{{0, 4}, {4, 6}}));
+    EXPECT_EQ(ring.Stored(), 0u);
+
+    RecordingReader failsFirst(1);
+    EXPECT_EQ(ring.Write(failsFirst, 10), AudioError);
+    EXPECT_EQ(failsFirst.calls, (std::vector<std::pair<size_t, size_t>>{{0, 4}}));
+    EXPECT_EQ(ring.Stored(), 0u);
+
+    RecordingReader succeeds(0);
+    ASSERT_EQ(ring.Write(succeeds, 10), 0);
+    EXPECT_EQ(ring.Stored(), 10u);
+    const uint8_t* pointer = nullptr;
+    ASSERT_EQ(ring.GetContiguous(0, 4, pointer), 0);
+    EXPECT_EQ(std::vector<uint8_t>(pointer, pointer + 4),
+              (std::vector<uint8_t>{100, 101, 102, 103}));
+    ASSERT_EQ(ring.Skip(4), 0);
+    ASSERT_EQ(ring.GetContiguous(0, 6, pointer), 0);
+    EXPECT_EQ(std::vector<uint8_t>(pointer, pointer + 6),
+              (std::vector<uint8_t>{104, 105, 106, 107, 108, 109}));
+    // A write that ends right at the end wraps its position to 0.
+    RingBuffer exact(8);
+    ASSERT_EQ(exact.Write(counting, 5), 0);
+    ASSERT_EQ(exact.Skip(5), 0);
+    ASSERT_EQ(exact.Write(counting, 3), 0);
+    const uint8_t* tail = nullptr;
+    ASSERT_EQ(exact.GetContiguous(0, 3, tail), 0);
+    EXPECT_EQ(std::vector<uint8_t>(tail, tail + 3), (std::vector<uint8_t>{0, 1, 2}));
+    ASSERT_EQ(exact.Skip(3), 0);
+    ASSERT_EQ(exact.Write(counting, 2), 0);
+    ASSERT_EQ(exact.GetContiguous(0, 2, pointer), 0);
+    EXPECT_EQ(pointer, tail - 5);
+    EXPECT_EQ(std::vector<uint8_t>(pointer, pointer + 2), (std::vector<uint8_t>{0, 1}));
 }
 
 TEST(RingBufferTest, SkippingMoreThanStoredIsRefused)
@@ -290,6 +388,21 @@ TEST(ResamplerTest, ThreeToSixRepeatsAndSixToThreeTakesEveryOther)
     EXPECT_EQ(std::vector<uint8_t>(out, out + 4), (std::vector<uint8_t>{1, 1, 2, 2}));
 }
 
+TEST(ResamplerTest, EqualFrameCountsArePlainCopies)
+{
+    std::vector<uint8_t> input;
+    for (uint8_t k = 0; k < 20; ++k) {
+        input.push_back(k);
+    }
+    ResamplerNearestNeighbor same(input.data(), 5, 5, 2);
+    uint8_t out[20] = {};
+    ASSERT_EQ(same.Read(out, 0, 20), 0);
+    EXPECT_EQ(std::vector<uint8_t>(out, out + 20), input);
+    ASSERT_EQ(same.Read(out, 8, 8), 0);
+    EXPECT_EQ(std::vector<uint8_t>(out, out + 8),
+              std::vector<uint8_t>(input.begin() + 8, input.begin() + 16));
+}
+
 TEST(WriteBufferTest, SkipAndWriteStayInside)
 {
     ScopedLogCapture capture;
@@ -304,4 +417,21 @@ TEST(WriteBufferTest, SkipAndWriteStayInside)
     EXPECT_EQ(writer.Position(), 6u);
     EXPECT_EQ(capture->Messages(),
               (std::vector<std::string>{"write overflow: 5, 4, 8", "skip overflow: 6, 3, 8"}));
+}
+
+TEST(AudioEncoderTest, NoChannelsOrNoRateNeverDividesByZero)
+{
+    ScopedLogCapture capture;
+    const std::vector<int16_t> samples(2 * 480, 3);
+    std::unique_ptr<uint8_t[]> output;
+    size_t size = 0;
+    std::unique_ptr<IAudioEncoder> noChannels(IAudioEncoder::CreateInstance(0, 48000));
+    EXPECT_EQ(noChannels->Encode(samples.data(), 1920, output, size), AudioError);
+    EXPECT_EQ(capture->Messages(), std::vector<std::string>{"unable to create encoder"});
+    capture->Clear();
+    // A rate of 0 gives no output frames: the call stores nothing.
+    std::unique_ptr<IAudioEncoder> noRate(IAudioEncoder::CreateInstance(2, 0));
+    EXPECT_EQ(noRate->Encode(samples.data(), 1920, output, size), 0);
+    EXPECT_EQ(size, 0u);
+    EXPECT_TRUE(capture->Messages().empty());
 }
