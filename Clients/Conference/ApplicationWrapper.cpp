@@ -28,7 +28,6 @@ ApplicationWrapper::ApplicationWrapper(const RelayConfig& config)
             &ApplicationWrapper::ExternalQuit);
 
     m_tunnelManager = ConferenceTunnelManager::CreateInstance(m_config.tunnelConfig, this);
-    // The USB transport is made beside the TCP transport once it lands.
     m_audioManager = RelayAudioManager::NewInstance(m_config);
 
     if (m_config.useTcp) {
@@ -75,7 +74,7 @@ IConferenceTransport* ApplicationWrapper::ActiveTransport()
     if (m_config.useTcp) {
         return &m_tcpCommunication;
     }
-    return nullptr;
+    return &m_usbCommunication;
 }
 
 void ApplicationWrapper::ConnectEverything()
@@ -178,10 +177,13 @@ void ApplicationWrapper::QuitApplication(bool external)
     m_tunnelManager->Disconnect();
     // 2. No further failure signal may re-enter this sequence.
     QObject::disconnect(&m_tcpCommunication, nullptr, nullptr, nullptr);
+    QObject::disconnect(&m_usbCommunication, nullptr, nullptr, nullptr);
     // 3. The transport's slotThreadFinished runs on its thread meanwhile.
     m_transportThread->quit();
     m_transportThread->wait();
-    // 4. UsbCommunication::Terminate goes here once it lands.
+    // Also when TCP carried the link; for a USB link that isn't up it does
+    // nothing.
+    m_usbCommunication.Terminate();
     DisableRelayWindow();
     // SendIPC carries itself over to the IPC thread, which owns the socket.
     if (!external) {

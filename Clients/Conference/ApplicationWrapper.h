@@ -8,13 +8,12 @@
 // m_transportThread, the IpcClient on its own thread; they reach this
 // object through queued signals.
 //
-// Not here yet: the USB transport (without -t there is no active transport
-// until it lands).
 
 #include "Clients/Conference/IpcClient.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
 #include "Clients/ConferenceTransport/Src/TcpCommunication.h"
+#include "Clients/ConferenceTransport/Src/UsbCommunication.h"
 #include "Common/Platform/Src/Result.h"
 
 #include <QByteArray>
@@ -53,13 +52,15 @@ private Q_SLOTS:
 
 private:
     void QuitApplication(bool external);
-    // TCP with -t; the USB transport otherwise, once it lands.
+    // TCP with -t; USB otherwise.
     IConferenceTransport* ActiveTransport();
     void ConnectEverything();
 
     RelayConfig m_config;
     std::unique_ptr<RelayWindow> m_relayWindow;
     TcpCommunication m_tcpCommunication;
+    // Always made: its hot-plug watch runs even when TCP carries the link.
+    UsbCommunication m_usbCommunication;
     // Audio both ways between the local driver and the Kyr; destroyed first.
     std::unique_ptr<RelayAudioManager> m_audioManager;
     IpcClient m_ipcClient;

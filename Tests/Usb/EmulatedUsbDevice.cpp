@@ -162,11 +162,15 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
     }
     switch (request) {
     case USBDEVFS_GET_CAPABILITIES: {
+        // With scatter-gather libusb submits each transfer as one URB, as it
+        // does on today's kernels; without it, it would cut large ones into
+        // 16 KiB URBs.
         UMockdevIoctlData* data =
             umockdev_ioctl_data_resolve(argument, 0, sizeof(guint32), nullptr);
         *reinterpret_cast<guint32*>(data->data) =
-            USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
-            USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
+            USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_BULK_CONTINUATION |
+            USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT |
+            USBDEVFS_CAP_ZERO_PACKET;
         umockdev_ioctl_data_unref(data);
         Complete(client, 0, 0);
         return true;
@@ -195,7 +199,9 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
                 m_answers.pop_front();
                 const size_t fits =
                     std::min(answer.size(), static_cast<size_t>(urb->buffer_length));
-                std::memcpy(buffer->data, answer.data(), fits);
+                if (fits > 0) {
+                    std::memcpy(buffer->data, answer.data(), fits);
+                }
                 urb->actual_length = static_cast<int>(fits);
                 urb->status = answer.size() > fits ? -EOVERFLOW : 0;
                 m_reapable.push_back(urbData);
