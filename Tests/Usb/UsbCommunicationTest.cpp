@@ -3,7 +3,7 @@
 
 #include "Clients/ConferenceTransport/Src/UsbCommunication.h"
 #include "Tests/Support/CapturingLogStore.h"
-#include "Tests/Usb/EmulatedUsbDevice.h"
+#include "Tools/Common/EmulatedUsbDevice.h"
 
 #include <QDataStream>
 
@@ -17,6 +17,7 @@
 #include <vector>
 
 using namespace velorane::test;
+using simcommon::EmulatedUsbDevice;
 using namespace quorvan::velorane;
 using quorvan::EGroupValueInformation;
 using quorvan::EGroupValueSevere;

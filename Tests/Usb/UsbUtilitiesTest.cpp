@@ -4,7 +4,7 @@
 
 #include "Common/UsbUtilities/Src/UsbUtilities.h"
 #include "Tests/Support/CapturingLogStore.h"
-#include "Tests/Usb/EmulatedUsbDevice.h"
+#include "Tools/Common/EmulatedUsbDevice.h"
 
 #include <gtest/gtest.h>
 
@@ -19,6 +19,7 @@ using namespace velorane::test;
 using quorvan::EGroupValueInformation;
 using quorvan::EGroupValueSevere;
 using quorvan::velorane::UsbUtilities;
+using simcommon::EmulatedUsbDevice;
 
 namespace {
 

@@ -125,6 +125,13 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
          "KIND"},
         {"mic-fault-at", "The microphone response (from 0) that --mic-fault breaks (default 0).",
          "N"},
+        {"usb", "Be the Kyr on a USB device emulated with umockdev instead of over TLS; "
+                "prints \"kyr-sim: usb testbed DIR\" (run the relay with UMOCKDEV_DIR=DIR and "
+                "LD_PRELOAD=libumockdev-preload.so.0)."},
+        {"usb-plug-after", "With --usb: plug the device MS after the start (default at once).",
+         "MS"},
+        {"usb-unplug-at", "With --usb: unplug the device MS after the start.", "MS"},
+        {"usb-replug-at", "With --usb: plug it in again MS after the start.", "MS"},
         {"mic-unsolicited", "Send one microphone response unasked MS after the password.", "MS"},
         {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
         {"close-after", "Answer N requests, then close the connection.", "N"},
@@ -163,6 +170,7 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     options->hugeSize = parser.isSet("huge-size");
     options->filler = parser.isSet("filler");
     options->smallSize = parser.isSet("small-size");
+    options->usb = parser.isSet("usb");
     options->speakerWav = parser.value("speaker-wav");
     options->micFault = parser.value("mic-fault");
     if (!options->micFault.isEmpty() && options->micFaultAt < 0) {
@@ -213,6 +221,9 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     if (!ReadNumber(parser, "first-frame", INT32_MIN, INT32_MAX, &firstFrame, message) ||
         !ReadInt(parser, "frame-bytes", 0, kMaxDeclaredBytes, &options->frameBytes, message) ||
         !ReadInt(parser, "mic-frames", 0, 100000, &options->micFrames, message) ||
+        !ReadInt(parser, "usb-plug-after", 0, 86400000, &options->usbPlugAfterMs, message) ||
+        !ReadInt(parser, "usb-unplug-at", 0, 86400000, &options->usbUnplugAtMs, message) ||
+        !ReadInt(parser, "usb-replug-at", 0, 86400000, &options->usbReplugAtMs, message) ||
         !ReadInt(parser, "mic-fault-at", 0, INT32_MAX, &options->micFaultAt, message) ||
         !ReadInt(parser, "mic-unsolicited", 0, 3600000, &options->micUnsolicitedMs, message) ||
         !ReadInt(parser, "stall-after", 0, INT32_MAX, &options->stallAfter, message) ||
@@ -232,7 +243,7 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     }
     options->firstFrame = static_cast<qint32>(firstFrame);
 
-    if (options->refuse) {
+    if (options->refuse || options->usb) {
         return Outcome::Run;
     }
     if (!hasBase && !hasPort) {

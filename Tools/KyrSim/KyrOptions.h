@@ -33,6 +33,13 @@ struct KyrOptions
     // A microphone response sent unasked this long after the password.
     int micUnsolicitedMs = -1;
 
+    // The Kyr on an emulated USB device instead of TLS: plugged at start or
+    // usbPlugAfterMs later, unplugged and plugged again at the times given.
+    bool usb = false;
+    int usbPlugAfterMs = 0;
+    int usbUnplugAtMs = -1;
+    int usbReplugAtMs = -1;
+
     // Frame faults. N counts the frames answered on a connection from 0.
     int resizeAt = -1;
     int resizeWidth = 0;

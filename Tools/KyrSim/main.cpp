@@ -5,11 +5,13 @@
 #include "KyrCommandLine.h"
 #include "KyrSession.h"
 #include "TlsServer.h"
+#include "UsbKyr.h"
 #include "Tools/Common/H264Encoder.h"
 #include "Tools/Common/Recorder.h"
 #include "Tools/Common/WavWriter.h"
 
 #include <QCoreApplication>
+#include <memory>
 #include <QFile>
 #include <QHostAddress>
 #include <QTimer>
@@ -81,11 +83,33 @@ int main(int argc, char* argv[])
         PrintOut(QStringLiteral("refusing"));
         return 0;
     }
+    // The testbed comes first: it sets this process's UMOCKDEV_DIR.
+    std::unique_ptr<UsbKyr> usbKyr;
+    Recorder usbRecorder;
+    simcommon::WavWriter usbWav;
+    if (options.usb) {
+        if (!usbRecorder.Open(options.recordFile, &message) ||
+            (!options.speakerWav.isEmpty() && !usbWav.Open(options.speakerWav, 2, 48000, &message))) {
+            PrintErr(message);
+            return 2;
+        }
+        usbKyr = std::make_unique<UsbKyr>(options, &usbRecorder,
+                                          options.speakerWav.isEmpty() ? nullptr : &usbWav);
+    }
 
     if (!options.filler && !simcommon::H264Encoder::IsAvailable(&message)) {
         PrintErr(message +
                  QStringLiteral(" (Debian's libavcodec59 has it; --filler does without)"));
         return 1;
+    }
+    if (usbKyr) {
+        usbKyr->Start();
+        PrintOut(QStringLiteral("usb testbed %1").arg(usbKyr->TestbedDirectory()));
+        QTimer::singleShot(options.timeLimitSec * 1000, &app, [] {
+            PrintErr(QStringLiteral("time limit reached"));
+            QCoreApplication::quit();
+        });
+        return app.exec();
     }
 
     QSslCertificate certificate;

@@ -1,4 +1,4 @@
-#include "Tests/Usb/EmulatedUsbDevice.h"
+#include "Tools/Common/EmulatedUsbDevice.h"
 
 #include <umockdev.h>
 
@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace velorane::test {
+namespace simcommon {
 
 namespace {
 
@@ -85,7 +85,10 @@ void EmulatedUsbDevice::Plug(uint16_t vendor, uint16_t product, int number)
 {
     char node[64];
     std::snprintf(node, sizeof(node), "/dev/bus/usb/001/%03d", number);
-    umockdev_testbed_attach_ioctl(m_testbed, node, m_handler, nullptr);
+    if (std::find(m_attached.begin(), m_attached.end(), number) == m_attached.end()) {
+        umockdev_testbed_attach_ioctl(m_testbed, node, m_handler, nullptr);
+        m_attached.push_back(number);
+    }
     char description[2048];
     std::snprintf(description, sizeof(description),
                   "P: /devices/usb1/1-%d\n"
@@ -132,6 +135,18 @@ void EmulatedUsbDevice::ShortenNextOut(int bytes)
 {
     std::lock_guard<std::mutex> hold(m_lock);
     m_shortOut = bytes;
+}
+
+void EmulatedUsbDevice::SetOutHandler(OutHandler handler)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_outHandler = std::move(handler);
+}
+
+void EmulatedUsbDevice::KeepOutTransfers(bool keep)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_keepOuts = keep;
 }
 
 std::vector<std::vector<uint8_t>> EmulatedUsbDevice::OutTransfers() const
@@ -213,7 +228,15 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
                 m_shortOut >= 0 ? std::min(m_shortOut, urb->buffer_length) : urb->buffer_length;
             m_shortOut = -1;
             const auto* bytes = static_cast<const uint8_t*>(buffer->data);
-            m_outs.emplace_back(bytes, bytes + length);
+            std::vector<uint8_t> out(bytes, bytes + length);
+            if (m_outHandler) {
+                for (auto& answer : m_outHandler(out)) {
+                    m_answers.push_back(std::move(answer));
+                }
+            }
+            if (m_keepOuts) {
+                m_outs.push_back(std::move(out));
+            }
             urb->actual_length = length;
             urb->status = 0;
             m_reapable.push_back(urbData);
@@ -260,4 +283,4 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
     }
 }
 
-} // namespace velorane::test
+} // namespace simcommon

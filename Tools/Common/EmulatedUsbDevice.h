@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,7 +22,7 @@ typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
 
-namespace velorane::test {
+namespace simcommon {
 
 class EmulatedUsbDevice
 {
@@ -42,6 +43,15 @@ public:
     void Unplug(int number = 2);
 
     void QueueAnswer(std::vector<uint8_t> answer);
+    // Called on the testbed's thread with each OUT transfer; what it returns
+    // is queued as the answers to come. The lock is held: it must not call
+    // back into this object.
+    using OutHandler =
+        std::function<std::vector<std::vector<uint8_t>>(const std::vector<uint8_t>&)>;
+    void SetOutHandler(OutHandler handler);
+    // Whether OUT transfers are kept for OutTransfers (on by default; a long
+    // stream turns it off).
+    void KeepOutTransfers(bool keep);
     // Makes the next OUT transfer take only this many bytes.
     void ShortenNextOut(int bytes);
     std::vector<std::vector<uint8_t>> OutTransfers() const;
@@ -59,8 +69,13 @@ private:
     std::deque<UMockdevIoctlData*> m_reapable;
     std::vector<UMockdevIoctlData*> m_waitingIn;
     std::vector<std::string> m_unknown;
+    OutHandler m_outHandler;
+    bool m_keepOuts = true;
     int m_shortOut = -1;
+    // Device numbers whose node has the handler already: umockdev takes one
+    // handler per node for the testbed's life.
+    std::vector<int> m_attached;
     bool m_unplugged = false;
 };
 
-} // namespace velorane::test
+} // namespace simcommon
