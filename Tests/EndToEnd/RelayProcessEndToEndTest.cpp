@@ -34,56 +34,21 @@ const std::string kNoDisplayLine =
     "No display: neither DISPLAY nor WAYLAND_DISPLAY is set. The relay needs a graphical "
     "session for its window (or QT_QPA_PLATFORM naming a platform).";
 
-struct LogLine
-{
-    std::string group;
-    std::string function;
-    std::string message;
-};
-
-// The tab-separated columns of the log file: time, thread, group,
-// function, message, source, line.
-std::vector<LogLine> ParseLog(const std::string& text)
-{
-    std::vector<LogLine> lines;
-    std::istringstream stream(text);
-    std::string line;
-    while (std::getline(stream, line)) {
-        std::vector<std::string> columns;
-        size_t start = 0;
-        for (;;) {
-            const size_t tab = line.find('\t', start);
-            columns.push_back(line.substr(start, tab - start));
-            if (tab == std::string::npos) {
-                break;
-            }
-            start = tab + 1;
-        }
-        if (columns.size() == 7) {
-            lines.push_back({columns[2], columns[3], columns[4]});
-        }
-    }
-    return lines;
-}
-
+// The log helpers of the harness under the names these tests use.
 size_t CountLines(const std::string& log, const std::string& group, const std::string& message)
 {
-    const auto lines = ParseLog(log);
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& l) {
-        return l.group == group && l.message == message;
-    }));
+    return CountLogLines(log, group, message);
 }
 
 size_t CountPrefix(const std::vector<std::string>& records, const std::string& prefix)
 {
-    return static_cast<size_t>(std::count_if(
-        records.begin(), records.end(), [&](const auto& r) { return r.rfind(prefix, 0) == 0; }));
+    return CountRecords(records, prefix);
 }
 
 // The run's log begins with START from main and ends with END from main.
 void ExpectStartAndEnd(const std::string& log)
 {
-    const auto lines = ParseLog(log);
+    const auto lines = ParseLogFile(log);
     ASSERT_GE(lines.size(), 3u) << log;
     EXPECT_EQ(lines.front().message, "---------------START---------------");
     EXPECT_EQ(lines.front().function, "main");
@@ -94,14 +59,7 @@ void ExpectStartAndEnd(const std::string& log)
 
 template <typename Predicate> bool WaitUntil(Predicate predicate, std::chrono::milliseconds timeout)
 {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (predicate()) {
-            return true;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-    return predicate();
+    return WaitFor(predicate, timeout);
 }
 
 bool IsSocket(const std::string& path)
