@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 
 using namespace std::chrono_literals;
@@ -212,12 +213,29 @@ TEST_F(ConferenceTunnelManagerTest, DirectoryAtThePathIsLeftAloneWithTheWarning)
 
 TEST_F(ConferenceTunnelManagerTest, UnreadableFileIsReplacedByTheThreeLines)
 {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "root reads any file";
-    }
     m_dir.WriteFile("relaycam.ini", "foreign=1\n");
     ASSERT_EQ(::chmod(m_path.c_str(), 0), 0);
-    EXPECT_EQ(ConnectWith(), kRelayLines);
+    if (::geteuid() != 0) {
+        EXPECT_EQ(ConnectWith(), kRelayLines);
+        return;
+    }
+    // Root reads any file: the manager runs as nobody instead, in a folder
+    // nobody may write, on a file nobody may read. The probe is copied there
+    // so that nobody can run it wherever the checkout lives.
+    ASSERT_EQ(::chmod(m_dir.Path().c_str(), 0777), 0);
+    const std::string probeCopy = m_dir.File("tunnel-file-probe");
+    std::filesystem::copy_file(BinaryPath("tunnel-file-probe"), probeCopy);
+    ChildProcess probe;
+    ChildProcess::Options options;
+    options.argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                    "--clear-groups",   probeCopy,       m_path};
+    options.outputFile = m_dir.File("probe.out");
+    int code = -1;
+    ASSERT_TRUE(probe.Start(options));
+    ASSERT_TRUE(probe.WaitForExit(20s, &code));
+    EXPECT_EQ(code, 0) << probe.Output();
+    EXPECT_EQ(probe.Output(), "result\t0\n");
+    EXPECT_EQ(ReadFile(m_path), "KyrIP=10.1.2.3:7005\nPassword=probe\nForceSoftDecoder=1\n");
 }
 
 // A read-only directory: root removes files from one anyway, so the folder
