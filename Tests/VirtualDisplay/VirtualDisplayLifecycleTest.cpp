@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 
 using namespace velorane::test;
 using namespace std::chrono_literals;
@@ -37,9 +38,7 @@ protected:
         ASSERT_TRUE(m_scene.StartX(3200, 1080));
         ASSERT_TRUE(m_scene.ShowOutputAt1920(false));
         ASSERT_TRUE(m_scene.StartProgram(arguments));
-        ASSERT_EQ(m_scene.SetResolution(1280, 720), 0);
-        ASSERT_EQ(m_scene.CreateConference(1280, 720), 0);
-        ASSERT_TRUE(WaitFor([&] { return m_scene.VirtualMonitor().has_value(); }, kArrival));
+        ASSERT_TRUE(m_scene.CreateMonitor(1280, 720));
         ASSERT_EQ(m_scene.Screen(), (ScreenSize{3200, 1080}));
     }
 
@@ -71,22 +70,27 @@ TEST_F(VirtualDisplayLifecycleTest, QuitProcessAnswersThenRemovesTheMonitorAndEn
     EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: QuitProcess"), 1u);
 }
 
-TEST_F(VirtualDisplayLifecycleTest, SigtermRemovesTheMonitorAndEnds)
+class VirtualDisplaySignalTest : public VirtualDisplayLifecycleTest,
+                                 public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(VirtualDisplaySignalTest, RemovesTheMonitorAndEndsIt)
 {
     StartWithMonitor();
-    ASSERT_EQ(kill(m_scene.Program().Pid(), SIGTERM), 0);
+    ASSERT_EQ(kill(m_scene.Program().Pid(), GetParam()), 0);
     ExpectEndedCleanly(0);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Received SIGTERM"), 1u);
+    EXPECT_EQ(
+        m_scene.CountLog(EGroupInformation, std::string("Received SIG") + sigabbrev_np(GetParam())),
+        1u);
     EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: termination signal"), 1u);
 }
 
-TEST_F(VirtualDisplayLifecycleTest, SigintRemovesTheMonitorAndEnds)
-{
-    StartWithMonitor();
-    ASSERT_EQ(kill(m_scene.Program().Pid(), SIGINT), 0);
-    ExpectEndedCleanly(0);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Received SIGINT"), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(Termination, VirtualDisplaySignalTest,
+                         ::testing::Values(SIGTERM, SIGINT, SIGHUP),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return std::string("SIG") + sigabbrev_np(info.param);
+                         });
 
 TEST_F(VirtualDisplayLifecycleTest, ClientThatVanishesMidRequestLeavesItServing)
 {

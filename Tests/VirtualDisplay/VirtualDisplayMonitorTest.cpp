@@ -97,9 +97,7 @@ TEST(VirtualDisplayMonitorTest, ScreenWithRoomToTheRightIsLeftAsItIs)
     ASSERT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
     ASSERT_TRUE(scene.StartProgram());
 
-    EXPECT_EQ(scene.SetResolution(1280, 720), 0);
-    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
-    ASSERT_TRUE(WaitForMonitor(scene));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
     EXPECT_EQ(scene.VirtualMonitor()->x, 1920);
     EXPECT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
 
@@ -114,9 +112,7 @@ TEST(VirtualDisplayMonitorTest, SetResolutionResizesTheMonitorWhereItStands)
     VirtualDisplayScene scene;
     StartGrowableDesktop(scene);
     ASSERT_TRUE(scene.StartProgram());
-    EXPECT_EQ(scene.SetResolution(1280, 720), 0);
-    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
-    ASSERT_TRUE(WaitForMonitor(scene));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
 
     EXPECT_EQ(scene.SetResolution(1024, 768), 0);
     ListedMonitor monitor = *scene.VirtualMonitor();
@@ -150,9 +146,7 @@ TEST(VirtualDisplayMonitorTest, DestroyConferenceRemovesTheMonitorAndGivesTheScr
     VirtualDisplayScene scene;
     StartGrowableDesktop(scene);
     ASSERT_TRUE(scene.StartProgram());
-    EXPECT_EQ(scene.SetResolution(1280, 720), 0);
-    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
-    ASSERT_TRUE(WaitForMonitor(scene));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
     ASSERT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
 
     EXPECT_EQ(scene.Send(quorvan::velorane::virtualmonitor::DestroyConference), 0);
@@ -205,9 +199,7 @@ TEST(VirtualDisplayMonitorTest, RequestCalibrateAnswersNotFoundThenFoundWithTheR
               "00");     // not found
     EXPECT_EQ(scene.CountLog(EGroupInformation, "RequestCalibrate: no virtual monitor"), 1u);
 
-    EXPECT_EQ(scene.SetResolution(1280, 720), 0);
-    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
-    ASSERT_TRUE(WaitForMonitor(scene));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
     Calibration after = scene.RequestCalibrate();
     ASSERT_TRUE(after.parsed);
     EXPECT_EQ(after.reply.toHex().toStdString(),

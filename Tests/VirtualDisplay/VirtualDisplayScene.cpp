@@ -273,6 +273,12 @@ int VirtualDisplayScene::CreateConference(int width, int height) const
     return IpcClient::ParseReplyMessage(&reply, &result) ? result : 1;
 }
 
+bool VirtualDisplayScene::CreateMonitor(int width, int height) const
+{
+    return SetResolution(width, height) == 0 && CreateConference(width, height) == 0 &&
+           WaitFor([this] { return VirtualMonitor().has_value(); }, std::chrono::seconds(15));
+}
+
 Calibration VirtualDisplayScene::RequestCalibrate() const
 {
     QByteArray request;

@@ -106,6 +106,10 @@ public:
     int SetResolution(int width, int height) const;
     int CreateConference(int width, int height) const;
     Calibration RequestCalibrate() const;
+    // SetResolution and CreateConference of that size, as the relay sends
+    // them, then a wait for the monitor's arrival. False when either was
+    // refused or the monitor didn't come.
+    bool CreateMonitor(int width, int height) const;
 
     TempDir& Dir() { return m_dir; }
 
