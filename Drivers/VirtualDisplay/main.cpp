@@ -74,6 +74,9 @@ int main(int argc, char** argv)
     VLOG(EGroupValueInformation, "---------------START---------------");
     VLOG(EGroupValueInformation, "Velorane Virtual Display Version - %s Build# %s (built %s at %s)",
          VELORANE_VERSION_TEXT, VELORANE_BUILD_NUMBER, VELORANE_BUILD_DATE, VELORANE_BUILD_TIME);
+    // The relay starts the program detached: the log is where its id is told.
+    VLOG(EGroupValueInformation, "Process id [%lld]",
+         static_cast<long long>(QCoreApplication::applicationPid()));
 
     int exitCode = 0;
     {

@@ -179,13 +179,13 @@ bool VirtualDisplayScene::StartProgram(const std::vector<std::string>& arguments
            m_program.WaitForOutput("Serving VIRTUAL_MONITOR_SERVER", kServingTimeout);
 }
 
-std::string VirtualDisplayScene::LogText() const
+std::string VirtualDisplayScene::LogText(const std::string& storeName) const
 {
     std::string text;
     std::error_code error;
     const fs::path folder = m_dir.File("data/Velorane/Client/Logs");
     for (const auto& entry : fs::directory_iterator(folder, error)) {
-        if (entry.path().filename().string().rfind("VeloraneVirtualDisplay_", 0) == 0) {
+        if (entry.path().filename().string().rfind(storeName + "_", 0) == 0) {
             text += ReadFile(entry.path().string());
         }
     }

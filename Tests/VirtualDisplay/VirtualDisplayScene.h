@@ -89,8 +89,9 @@ public:
     std::string RuntimeFolder() const { return m_dir.File("run"); }
     std::string SocketPath(const std::string& name) const { return RuntimeFolder() + "/" + name; }
 
-    // The program's log files, concatenated.
-    std::string LogText() const;
+    // The program's log files, concatenated; with another name, the files
+    // of that log store (the relay's is "VeloraneConference").
+    std::string LogText(const std::string& storeName = "VeloraneVirtualDisplay") const;
     size_t CountLog(const std::string& group, const std::string& message) const;
     bool WaitForLog(const std::string& group, const std::string& message,
                     std::chrono::milliseconds timeout) const;
