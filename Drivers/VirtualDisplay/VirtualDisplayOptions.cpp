@@ -38,7 +38,7 @@ void VirtualDisplayOptions::AddOptions(CLI::App& app)
                  "Connect to the relay's CONFERENCE_SERVER once ready, and end when it closes");
     app.add_option("--arrival-delay", arrivalDelayMs,
                    "Milliseconds from the CreateConference reply to the monitor's arrival")
-        ->check(CLI::Range(0, 60000))
+        ->check(CLI::Range(100, 60000))
         ->capture_default_str();
 }
 

@@ -11,7 +11,8 @@ struct VirtualDisplayOptions
     // -c: connect to the relay's CONFERENCE_SERVER once ready, and end when
     // that link ends.
     bool conference = false;
-    // Time from the CreateConference reply to the monitor's arrival.
+    // Time from the CreateConference reply to the monitor's arrival; at
+    // least 100 ms, so that the reply has left before the monitor comes.
     int arrivalDelayMs = 500;
 
     // Adds the options, the description and the help text to app.

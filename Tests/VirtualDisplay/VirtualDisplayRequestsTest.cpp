@@ -165,3 +165,39 @@ TEST_F(VirtualDisplayRequestsTest, GarbageOnTheSocketNeverStopsTheAnswers)
     EXPECT_EQ(m_scene.CountLog(EGroupWarning, "Skipping message: Message type 1 isn't a request"),
               1u);
 }
+
+// What the program doesn't serve is told where a person looks first.
+TEST(VirtualDisplayHelpTest, HelpStatesTheAnswersOfUnsupportedRequests)
+{
+    TempDir dir;
+    ChildProcess program;
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("VeloraneVirtualDisplay"), "--help"};
+    options.outputFile = dir.File("help.out");
+    ASSERT_TRUE(program.Start(options));
+    int code = -1;
+    ASSERT_TRUE(program.WaitForExit(15s, &code));
+    EXPECT_EQ(code, 0);
+    const std::string help = program.Output();
+    EXPECT_NE(help.find("CreateExtendedPresentation, DestroyExtendedPresentation and "
+                        "SetCursorCage are not\n  supported: they answer 0x8000000D (not "
+                        "implemented)"),
+              std::string::npos)
+        << help;
+    EXPECT_NE(help.find("VELORANE-2399-160-1902"), std::string::npos);
+    EXPECT_NE(help.find("-c,--conference"), std::string::npos);
+}
+
+TEST(VirtualDisplayHelpTest, AnArrivalDelayTooShortForTheReplyIsRefused)
+{
+    TempDir dir;
+    ChildProcess program;
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("VeloraneVirtualDisplay"), "--arrival-delay", "50"};
+    options.outputFile = dir.File("refused.out");
+    ASSERT_TRUE(program.Start(options));
+    int code = -1;
+    ASSERT_TRUE(program.WaitForExit(15s, &code));
+    EXPECT_NE(code, 0);
+    EXPECT_NE(program.Output().find("--arrival-delay"), std::string::npos) << program.Output();
+}
