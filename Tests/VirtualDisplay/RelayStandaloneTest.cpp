@@ -102,8 +102,10 @@ TEST_F(RelayStandaloneTest, TheRelaySetsTheMonitorUpAndTakesItDownAtItsEnd)
     EXPECT_EQ(monitor.y, 0);
     EXPECT_EQ(monitor.width, 1280);
     EXPECT_EQ(monitor.height, 720);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Connected to CONFERENCE_SERVER"), 1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "SetResolution: 1280x720 (monitor tag 250)"), 1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "Connected to CONFERENCE_SERVER"), 1u);
+    EXPECT_EQ(
+        m_scene.CountLogEventually(EGroupInformation, "SetResolution: 1280x720 (monitor tag 250)"),
+        1u);
 
     // The relay's ordinary end: DestroyConference, then its server goes.
     ASSERT_EQ(kill(m_relay.Pid(), SIGTERM), 0);
@@ -112,13 +114,13 @@ TEST_F(RelayStandaloneTest, TheRelaySetsTheMonitorUpAndTakesItDownAtItsEnd)
     EXPECT_EQ(relayCode, 0);
     EXPECT_EQ(WaitForProgramExit(), 0) << m_scene.LogText();
     ExpectDesktopAsFound();
-    EXPECT_EQ(
-        m_scene.CountLog(EGroupInformation,
-                         "DestroyConference: removed the virtual monitor VELORANE-2399-160-1902"),
-        1u);
-    EXPECT_EQ(
-        m_scene.CountLog(EGroupInformation, "CONFERENCE_SERVER closed the link: the relay is gone"),
-        1u);
+    EXPECT_EQ(m_scene.CountLogEventually(
+                  EGroupInformation,
+                  "DestroyConference: removed the virtual monitor VELORANE-2399-160-1902"),
+              1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         "CONFERENCE_SERVER closed the link: the relay is gone"),
+              1u);
 }
 
 TEST_F(RelayStandaloneTest, ARelayThatVanishesTakesTheMonitorWithIt)
@@ -126,7 +128,7 @@ TEST_F(RelayStandaloneTest, ARelayThatVanishesTakesTheMonitorWithIt)
     m_relay.Kill();
     EXPECT_EQ(WaitForProgramExit(), 0) << m_scene.LogText();
     ExpectDesktopAsFound();
-    EXPECT_EQ(
-        m_scene.CountLog(EGroupInformation, "CONFERENCE_SERVER closed the link: the relay is gone"),
-        1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         "CONFERENCE_SERVER closed the link: the relay is gone"),
+              1u);
 }

@@ -51,7 +51,9 @@ protected:
         EXPECT_FALSE(m_scene.VirtualMonitor().has_value());
         EXPECT_EQ(m_scene.Monitors().size(), 1u);
         EXPECT_EQ(m_scene.Screen(), (ScreenSize{1920, 1080}));
-        EXPECT_EQ(m_scene.CountLog(EGroupInformation, "----------------END----------------"), 1u);
+        EXPECT_EQ(
+            m_scene.CountLogEventually(EGroupInformation, "----------------END----------------"),
+            1u);
     }
 
     VirtualDisplayScene m_scene;
@@ -67,7 +69,7 @@ TEST_F(VirtualDisplayLifecycleTest, QuitProcessAnswersThenRemovesTheMonitorAndEn
     // The protocol answers QuitProcess with the general failure.
     EXPECT_EQ(m_scene.Exchange(request).toHex().toStdString(), "0000000ba1480180000000");
     ExpectEndedCleanly(0);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: QuitProcess"), 1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "Ending: QuitProcess"), 1u);
 }
 
 class VirtualDisplaySignalTest : public VirtualDisplayLifecycleTest,
@@ -80,10 +82,10 @@ TEST_P(VirtualDisplaySignalTest, RemovesTheMonitorAndEndsIt)
     StartWithMonitor();
     ASSERT_EQ(kill(m_scene.Program().Pid(), GetParam()), 0);
     ExpectEndedCleanly(0);
-    EXPECT_EQ(
-        m_scene.CountLog(EGroupInformation, std::string("Received SIG") + sigabbrev_np(GetParam())),
-        1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: termination signal"), 1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         std::string("Received SIG") + sigabbrev_np(GetParam())),
+              1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "Ending: termination signal"), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Termination, VirtualDisplaySignalTest,
@@ -127,10 +129,12 @@ TEST_F(VirtualDisplayLifecycleTest, XServerThatGoesAwayEndsItWithOneLine)
     int code = -1;
     ASSERT_TRUE(m_scene.Program().WaitForExit(kExit, &code)) << m_scene.LogText();
     EXPECT_EQ(code, 1);
-    EXPECT_EQ(m_scene.CountLog(EGroupSevere, "Lost the connection to the X display " + display),
+    EXPECT_EQ(
+        m_scene.CountLogEventually(EGroupSevere, "Lost the connection to the X display " + display),
+        1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "Ending: the X display is gone"), 1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "----------------END----------------"),
               1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: the X display is gone"), 1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "----------------END----------------"), 1u);
 }
 
 TEST_F(VirtualDisplayLifecycleTest, WithoutAnXDisplayItEndsAtOnceAndSaysSo)
@@ -146,8 +150,9 @@ TEST_F(VirtualDisplayLifecycleTest, WithoutAnXDisplayItEndsAtOnceAndSaysSo)
     int code = -1;
     ASSERT_TRUE(program.WaitForExit(kExit, &code));
     EXPECT_EQ(code, 1);
-    EXPECT_EQ(m_scene.CountLog(EGroupSevere, "Unable to start: unable to open the X display "
-                                             "\":65000\""),
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupSevere,
+                                         "Unable to start: unable to open the X display "
+                                         "\":65000\""),
               1u);
 }
 
@@ -169,14 +174,14 @@ TEST_F(VirtualDisplayLifecycleTest, ConferenceModeConnectsWhenReadyAndEndsWithTh
     EXPECT_EQ(m_scene.SetResolution(1280, 720), 0);
     EXPECT_EQ(m_scene.CreateConference(1280, 720), 0);
     ASSERT_TRUE(WaitFor([&] { return m_scene.VirtualMonitor().has_value(); }, kArrival));
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Connected to CONFERENCE_SERVER"), 1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation, "Connected to CONFERENCE_SERVER"), 1u);
 
     // The relay ends (normally or not): its end of the link closes.
     link->abort();
     ExpectEndedCleanly(0);
-    EXPECT_EQ(
-        m_scene.CountLog(EGroupInformation, "CONFERENCE_SERVER closed the link: the relay is gone"),
-        1u);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         "CONFERENCE_SERVER closed the link: the relay is gone"),
+              1u);
 }
 
 TEST_F(VirtualDisplayLifecycleTest, ConferenceModeWithoutTheRelaysServerEnds)
@@ -186,7 +191,8 @@ TEST_F(VirtualDisplayLifecycleTest, ConferenceModeWithoutTheRelaysServerEnds)
     int code = -1;
     ASSERT_TRUE(m_scene.Program().WaitForExit(kExit, &code)) << m_scene.LogText();
     EXPECT_EQ(code, 1);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "Ending: the relay's server can't be reached"),
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         "Ending: the relay's server can't be reached"),
               1u);
     EXPECT_NE(m_scene.LogText().find("Unable to connect to CONFERENCE_SERVER: "),
               std::string::npos);

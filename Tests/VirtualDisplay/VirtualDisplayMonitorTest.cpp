@@ -54,16 +54,19 @@ TEST(VirtualDisplayMonitorTest, CreateConferenceAnswersAtOnceAndTheMonitorArrive
     EXPECT_EQ(monitor.outputs, "") << "backed by no output";
     EXPECT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
 
-    EXPECT_EQ(scene.CountLog(EGroupInformation, "SetResolution: 1280x720 (monitor tag 250)"), 1u);
+    EXPECT_EQ(
+        scene.CountLogEventually(EGroupInformation, "SetResolution: 1280x720 (monitor tag 250)"),
+        1u);
     const std::string announced =
         "CreateConference: the virtual monitor VELORANE-2399-160-1902 of 1280x720 arrives in "
         "3000 ms";
     const std::string added =
         "Added the virtual monitor VELORANE-2399-160-1902: x=[1920] y=[0] w=[1280] h=[720]";
     ASSERT_TRUE(scene.WaitForLog(EGroupInformation, added, 5s)) << scene.LogText();
-    EXPECT_EQ(scene.CountLog(EGroupInformation, announced), 1u);
-    EXPECT_EQ(scene.CountLog(EGroupInformation,
-                             "Grew the screen from 1920x1080 to 3200x1080 for the virtual monitor"),
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation, announced), 1u);
+    EXPECT_EQ(scene.CountLogEventually(
+                  EGroupInformation,
+                  "Grew the screen from 1920x1080 to 3200x1080 for the virtual monitor"),
               1u);
     // The log's clock is in milliseconds: the arrival is never early.
     const long long announcedAt = scene.LogTimeOf(announced);
@@ -104,6 +107,11 @@ TEST(VirtualDisplayMonitorTest, ScreenWithRoomToTheRightIsLeftAsItIs)
     EXPECT_EQ(scene.Send(quorvan::velorane::virtualmonitor::DestroyConference), 0);
     EXPECT_FALSE(scene.VirtualMonitor().has_value());
     EXPECT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
+    // Lines are written in order: once the removal is in, the screen's
+    // line would be too.
+    ASSERT_TRUE(scene.WaitForLog(
+        EGroupInformation, "DestroyConference: removed the virtual monitor VELORANE-2399-160-1902",
+        10s));
     EXPECT_EQ(scene.CountLog(EGroupInformation, "Gave the screen back its size of 1920x1080"), 0u);
 }
 
@@ -120,9 +128,10 @@ TEST(VirtualDisplayMonitorTest, SetResolutionResizesTheMonitorWhereItStands)
     EXPECT_EQ(monitor.y, 0);
     EXPECT_EQ(monitor.width, 1024);
     EXPECT_EQ(monitor.height, 768);
-    EXPECT_EQ(scene.CountLog(EGroupInformation,
-                             "Resized the virtual monitor VELORANE-2399-160-1902: x=[1920] y=[0] "
-                             "w=[1024] h=[768]"),
+    EXPECT_EQ(scene.CountLogEventually(
+                  EGroupInformation,
+                  "Resized the virtual monitor VELORANE-2399-160-1902: x=[1920] y=[0] "
+                  "w=[1024] h=[768]"),
               1u);
 
     // Moved by someone else (as the relay rearranges the displays): it is
@@ -153,16 +162,18 @@ TEST(VirtualDisplayMonitorTest, DestroyConferenceRemovesTheMonitorAndGivesTheScr
     EXPECT_FALSE(scene.VirtualMonitor().has_value());
     EXPECT_EQ(scene.Monitors().size(), 1u);
     EXPECT_EQ(scene.Screen(), (ScreenSize{1920, 1080}));
+    EXPECT_EQ(scene.CountLogEventually(
+                  EGroupInformation,
+                  "DestroyConference: removed the virtual monitor VELORANE-2399-160-1902"),
+              1u);
     EXPECT_EQ(
-        scene.CountLog(EGroupInformation,
-                       "DestroyConference: removed the virtual monitor VELORANE-2399-160-1902"),
+        scene.CountLogEventually(EGroupInformation, "Gave the screen back its size of 1920x1080"),
         1u);
-    EXPECT_EQ(scene.CountLog(EGroupInformation, "Gave the screen back its size of 1920x1080"), 1u);
 
     // Nothing left to remove is no failure.
     EXPECT_EQ(scene.Send(quorvan::velorane::virtualmonitor::DestroyConference), 0);
-    EXPECT_EQ(scene.CountLog(EGroupInformation,
-                             "DestroyConference: there was no virtual monitor to remove"),
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation,
+                                       "DestroyConference: there was no virtual monitor to remove"),
               1u);
     EXPECT_TRUE(scene.Program().Running());
 }
@@ -197,7 +208,8 @@ TEST(VirtualDisplayMonitorTest, RequestCalibrateAnswersNotFoundThenFoundWithTheR
               "01"       // reply
               "00000000" // result: the outcome travels in found
               "00");     // not found
-    EXPECT_EQ(scene.CountLog(EGroupInformation, "RequestCalibrate: no virtual monitor"), 1u);
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation, "RequestCalibrate: no virtual monitor"),
+              1u);
 
     ASSERT_TRUE(scene.CreateMonitor(1280, 720));
     Calibration after = scene.RequestCalibrate();
@@ -212,8 +224,9 @@ TEST(VirtualDisplayMonitorTest, RequestCalibrateAnswersNotFoundThenFoundWithTheR
               "00000000"   // y 0
               "00000500"   // width 1280
               "000002d0"); // height 720
-    EXPECT_EQ(scene.CountLog(EGroupInformation, "RequestCalibrate: the virtual monitor is at "
-                                                "x=[1920] y=[0] w=[1280] h=[720]"),
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation,
+                                       "RequestCalibrate: the virtual monitor is at "
+                                       "x=[1920] y=[0] w=[1280] h=[720]"),
               1u);
 }
 
@@ -250,8 +263,9 @@ TEST(VirtualDisplayMonitorTest, MonitorLeftByAnEarlierRunIsRemovedAtStart)
 
     ASSERT_TRUE(scene.StartProgram());
     EXPECT_FALSE(scene.VirtualMonitor().has_value());
-    EXPECT_EQ(scene.CountLog(EGroupWarning, "Removed the virtual monitor VELORANE-2399-160-1902 "
-                                            "that an earlier run left"),
+    EXPECT_EQ(scene.CountLogEventually(EGroupWarning,
+                                       "Removed the virtual monitor VELORANE-2399-160-1902 "
+                                       "that an earlier run left"),
               1u);
     EXPECT_FALSE(scene.RequestCalibrate().found);
 }

@@ -78,13 +78,14 @@ TEST_F(VirtualDisplayRequestsTest, UnsupportedRequestsAnswerNotImplemented)
     EXPECT_EQ(Hex(m_scene.Exchange(request)),
               "0000001ba143018000000000000000000000000000000000000000");
 
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation,
-                               "CreateExtendedPresentation isn't supported by this program"),
+    EXPECT_EQ(m_scene.CountLogEventually(
+                  EGroupInformation, "CreateExtendedPresentation isn't supported by this program"),
               1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation,
-                               "DestroyExtendedPresentation isn't supported by this program"),
+    EXPECT_EQ(m_scene.CountLogEventually(
+                  EGroupInformation, "DestroyExtendedPresentation isn't supported by this program"),
               1u);
-    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "SetCursorCage isn't supported by this program"),
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupInformation,
+                                         "SetCursorCage isn't supported by this program"),
               1u);
 }
 
@@ -95,8 +96,8 @@ TEST_F(VirtualDisplayRequestsTest, UnknownCommandsAnswerTheGeneralFailure)
     EXPECT_EQ(Hex(m_scene.Exchange(request)), "0000000ba1420180000000");
     EXPECT_EQ(Hex(m_scene.Exchange(RawRequest(0xA145))), "0000000ba1450180000000");
     EXPECT_EQ(Hex(m_scene.Exchange(RawRequest(0x1234))), "0000000b12340180000000");
-    EXPECT_EQ(m_scene.CountLog(EGroupWarning,
-                               "Skipping message: Uknown command 41285, malformed message"),
+    EXPECT_EQ(m_scene.CountLogEventually(
+                  EGroupWarning, "Skipping message: Uknown command 41285, malformed message"),
               1u);
 }
 
@@ -105,14 +106,15 @@ TEST_F(VirtualDisplayRequestsTest, SizesOutsideWhatXCanPlaceAreRefused)
     EXPECT_EQ(m_scene.SetResolution(0, 720), static_cast<int>(0x80000003));
     EXPECT_EQ(m_scene.SetResolution(1280, -1), static_cast<int>(0x80000003));
     EXPECT_EQ(m_scene.SetResolution(40000, 720), static_cast<int>(0x80000003));
-    EXPECT_EQ(m_scene.CountLog(EGroupWarning,
-                               "SetResolution: refused 0x720: each side must lie between 1 and "
-                               "32767"),
+    EXPECT_EQ(m_scene.CountLogEventually(
+                  EGroupWarning, "SetResolution: refused 0x720: each side must lie between 1 and "
+                                 "32767"),
               1u);
     // Without a good SetResolution, CreateConference's own size counts.
     EXPECT_EQ(m_scene.CreateConference(0, 0), static_cast<int>(0x80000003));
-    EXPECT_EQ(m_scene.CountLog(EGroupWarning, "CreateConference: refused 0x0: each side must lie "
-                                              "between 1 and 32767"),
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupWarning,
+                                         "CreateConference: refused 0x0: each side must lie "
+                                         "between 1 and 32767"),
               1u);
     EXPECT_FALSE(m_scene.VirtualMonitor().has_value());
 }
@@ -162,7 +164,8 @@ TEST_F(VirtualDisplayRequestsTest, GarbageOnTheSocketNeverStopsTheAnswers)
     EXPECT_FALSE(calibration.found);
     EXPECT_EQ(m_scene.CreateConference(1280, 720), 0);
     EXPECT_TRUE(WaitFor([&] { return m_scene.VirtualMonitor().has_value(); }, 15s));
-    EXPECT_EQ(m_scene.CountLog(EGroupWarning, "Skipping message: Message type 1 isn't a request"),
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupWarning,
+                                         "Skipping message: Message type 1 isn't a request"),
               1u);
 }
 

@@ -197,6 +197,13 @@ size_t VirtualDisplayScene::CountLog(const std::string& group, const std::string
     return CountLogLines(LogText(), group, message);
 }
 
+size_t VirtualDisplayScene::CountLogEventually(const std::string& group,
+                                               const std::string& message) const
+{
+    WaitForLog(group, message, std::chrono::seconds(10));
+    return CountLog(group, message);
+}
+
 bool VirtualDisplayScene::WaitForLog(const std::string& group, const std::string& message,
                                      std::chrono::milliseconds timeout) const
 {

@@ -93,6 +93,10 @@ public:
     // of that log store (the relay's is "VeloraneConference").
     std::string LogText(const std::string& storeName = "VeloraneVirtualDisplay") const;
     size_t CountLog(const std::string& group, const std::string& message) const;
+    // The same once at least one such line is in, or 10 s have passed: the
+    // program writes its log on a thread of its own, a moment after the
+    // event.
+    size_t CountLogEventually(const std::string& group, const std::string& message) const;
     bool WaitForLog(const std::string& group, const std::string& message,
                     std::chrono::milliseconds timeout) const;
     // The local time of the first line with this message, in ms of the day;
