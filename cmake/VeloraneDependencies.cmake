@@ -36,6 +36,9 @@ velorane_require_module(OPUS opus libopus-dev)
 if(VELORANE_QT)
     velorane_require_package(Qt5 qtbase5-dev COMPONENTS Core Network Widgets Gui Test)
     velorane_require_package(CLI11 libcli11-dev CONFIG)
+    # The virtual display program makes its monitor with XRandR 1.5.
+    velorane_require_module(X11 x11 libx11-dev)
+    velorane_require_module(XRANDR xrandr libxrandr-dev)
 endif()
 
 if(VELORANE_BUILD_TESTS)
