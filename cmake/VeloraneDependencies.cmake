@@ -36,6 +36,9 @@ velorane_require_module(OPUS opus libopus-dev)
 if(VELORANE_QT)
     velorane_require_package(Qt5 qtbase5-dev COMPONENTS Core Network Widgets Gui Test)
     velorane_require_package(CLI11 libcli11-dev CONFIG)
+    # The relay's display watch on X11: RandR 1.5 monitors over xcb.
+    velorane_require_module(XCB xcb libxcb1-dev)
+    velorane_require_module(XCB_RANDR xcb-randr libxcb-randr0-dev)
 endif()
 
 if(VELORANE_BUILD_TESTS)
