@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include <algorithm>
 #include <string>
 #include <thread>
