@@ -39,6 +39,9 @@ if(VELORANE_QT)
     # The virtual display program makes its monitor with XRandR 1.5.
     velorane_require_module(X11 x11 libx11-dev)
     velorane_require_module(XRANDR xrandr libxrandr-dev)
+    # The relay's display watch on X11: RandR 1.5 monitors over xcb.
+    velorane_require_module(XCB xcb libxcb1-dev)
+    velorane_require_module(XCB_RANDR xcb-randr libxcb-randr0-dev)
 endif()
 
 if(VELORANE_BUILD_TESTS)

@@ -11,7 +11,7 @@ PACKAGES=(
     libusb-1.0-0-dev libopus-dev
     libcli11-dev libmsgsl-dev
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
-    libx11-dev libxrandr-dev
+    libx11-dev libxrandr-dev libxcb1-dev libxcb-randr0-dev
     xvfb xauth x11-utils x11-xserver-utils libgl1-mesa-dri
     umockdev libumockdev-dev
     openssl ca-certificates

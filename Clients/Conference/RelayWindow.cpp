@@ -1,6 +1,7 @@
 #include "Clients/Conference/RelayWindow.h"
 
 #include "Clients/Conference/ConferenceMonitor.h"
+#include "Clients/Conference/DisplayManager.h"
 #include "Common/Logger/Src/Logger.h"
 #include "Common/VideoDecode/Src/VideoFrame.h"
 #include "Common/VideoDecode/Src/VideoRenderer.h"
@@ -34,12 +35,15 @@ int32_t& RelayWindow::PreviousFrameNumber()
     return previousFrameNumber;
 }
 
-RelayWindow::RelayWindow(const RelayConfig& config)
+RelayWindow::RelayWindow(const RelayConfig& config) : RelayWindow(config, CreateDisplayPlatform) {}
+
+RelayWindow::RelayWindow(const RelayConfig& config, DisplayPlatformFactory makePlatform)
     : QWidget(nullptr), m_config(config), m_layout(new QVBoxLayout(this)),
       m_conferenceMonitor(new ConferenceMonitor(config.windowWidth, config.windowHeight, this)),
       m_frameTimer(new QTimer(this)), m_calibrateTimer(new QTimer(this)),
       m_videoRenderer(new VideoRenderer(static_cast<unsigned>(config.windowWidth),
-                                        static_cast<unsigned>(config.windowHeight), this))
+                                        static_cast<unsigned>(config.windowHeight), this)),
+      m_makeDisplayPlatform(std::move(makePlatform))
 {
     if (m_config.useMonitor) {
         setWindowFlags(Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
@@ -86,6 +90,20 @@ RESULT RelayWindow::Initialize()
         } else {
             m_conferenceMonitor->Initialize(windowId);
         }
+        // The display watch: its stocked list is the arrangement as it
+        // stands now; the virtual monitor's arrival, or any later change,
+        // comes back through the callback.
+        std::unique_ptr<IDisplayPlatform> platform;
+        if (m_makeDisplayPlatform) {
+            platform = m_makeDisplayPlatform();
+        }
+        if (!platform) {
+            platform = CreateDisplayPlatform();
+        }
+        m_displayManager.reset();
+        m_displayManager = std::make_unique<DisplayManager>(std::move(platform));
+        m_displayManager->SetConfigurationDoneCB(&RelayWindow::OnDisplayConfigurationDone, this);
+        m_displayManager->SetHook();
     } else {
         VLOG(EGroupValueWarning, "Skipping creation of virtual monitor!");
     }
@@ -94,6 +112,11 @@ RESULT RelayWindow::Initialize()
 
 RESULT RelayWindow::Terminate()
 {
+    // Work the watch still had scheduled goes with it.
+    if (m_displayManager) {
+        m_displayManager->RemoveHook();
+        m_displayManager.reset();
+    }
     m_frameTimer->stop();
     if (m_videoDecoder) {
         m_videoDecoder->Stop();
@@ -116,14 +139,21 @@ void RelayWindow::SetDimensions(int x, int y, int width, int height)
     CalibrateWindow();
 }
 
+void RelayWindow::OnDisplayConfigurationDone(void* context, int x, int y, int w, int h)
+{
+    auto* window = static_cast<RelayWindow*>(context);
+    VLOG(EGroupValueInformation, "DisplayManager done: x=[%d] y=[%d] w=[%d] h=[%d]", x, y, w, h);
+    window->SetDimensions(x, y, w, h);
+}
+
 // A missing monitor leaves the window where it is; the next new rectangle
 // tries again.
 void RelayWindow::CalibrateWindow()
 {
     std::lock_guard<std::recursive_mutex> lock(m_calibrateMutex);
-    // The display watch that finds the virtual monitor isn't built yet.
-    const bool virtualMonitorFound = false;
-    if (!virtualMonitorFound) {
+    // Before Initialize, or with -m, there is no display watch: no monitor.
+    const unsigned virtualMonitor = m_displayManager ? m_displayManager->FindVM() : 0;
+    if (virtualMonitor == 0) {
         VLOG(EGroupValueWarning, "Failed to find virtual monitor");
         return;
     }

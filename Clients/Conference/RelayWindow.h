@@ -9,10 +9,11 @@
 // renderer's thread-safe entry points and the atomic m_closing.
 //
 // The window is placed on the virtual monitor that the ConferenceMonitor
-// brings up. The DisplayManager, which watches the displays and tells where
-// that monitor is, isn't here yet: until it is, no virtual monitor is found
-// and CalibrateWindow leaves the window where it is.
+// brings up: the DisplayManager, made by Initialize, watches the displays
+// and calls back with that monitor's rectangle, and CalibrateWindow moves
+// the window there once the monitor is found.
 
+#include "Clients/Conference/IDisplayPlatform.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
 #include "Common/Platform/Src/RefCount.h"
@@ -25,6 +26,7 @@
 #include <QWidget>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 class QTimer;
@@ -37,6 +39,7 @@ class VideoRenderer;
 namespace quorvan::velorane::relay {
 
 class ConferenceMonitor;
+class DisplayManager;
 
 class RelayWindow : public QWidget
 {
@@ -54,6 +57,9 @@ public:
     static constexpr int kCalibrateIntervalMs = 2000;
 
     explicit RelayWindow(const RelayConfig& config);
+    // The display platform of Initialize's DisplayManager comes from
+    // makePlatform (the tests give a scripted one).
+    RelayWindow(const RelayConfig& config, DisplayPlatformFactory makePlatform);
     ~RelayWindow() override;
 
     RESULT Initialize();
@@ -64,6 +70,8 @@ public:
     QTimer* CalibrateTimer() const { return m_calibrateTimer; }
     const QRect& Dimensions() const { return m_dimensions; }
     bool MonitorLocked() const { return m_monitorLocked; }
+    // Null until Initialize, and again after Terminate.
+    DisplayManager* Displays() const { return m_displayManager.get(); }
     bool Closing() const { return m_closing.load(); }
     // The decoder in use, or null before the first frame.
     IVideoDecoder* Decoder() const { return m_videoDecoder.Get(); }
@@ -104,6 +112,9 @@ private:
     // Takes the virtual display for this window alone, or gives it back.
     // Nothing sets m_lockRect, so this returns at its first test.
     void LockVirtualMonitor(bool lock);
+    // The DisplayManager's configuration-done callback; context is the
+    // window.
+    static void OnDisplayConfigurationDone(void* context, int x, int y, int w, int h);
 
     RelayConfig m_config;
     QRect m_dimensions;
@@ -119,7 +130,9 @@ private:
     int32_t m_frameSource = FrameSourceNone;
     bool m_monitorLocked = false;
     std::recursive_mutex m_calibrateMutex;
+    std::unique_ptr<DisplayManager> m_displayManager;
     QRect m_lockRect;
+    DisplayPlatformFactory m_makeDisplayPlatform;
 };
 
 } // namespace quorvan::velorane::relay

@@ -4,17 +4,15 @@
 // and looks at the screen with screen-grab, as the demo does.
 
 #include "Tests/EndToEnd/EndToEndHarness.h"
+#include "Tests/EndToEnd/ScreenCheck.h"
+#include "Tests/Support/PrivateXServer.h"
 
 #include <QColor>
 #include <QImage>
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -26,109 +24,16 @@ namespace {
 constexpr int kWidth = 640;
 constexpr int kHeight = 360;
 
-std::string XvfbPath()
-{
-    for (const char* candidate : {"/usr/bin/Xvfb", "/usr/local/bin/Xvfb"}) {
-        if (access(candidate, X_OK) == 0) {
-            return candidate;
-        }
-    }
-    return "Xvfb";
-}
-
-// An Xvfb of its own on the first free display number from a per-process
-// start, so that tests running side by side don't meet.
-class PrivateDisplay
-{
-public:
-    bool Start(const std::string& folder)
-    {
-        for (int attempt = 0; attempt < 20; ++attempt) {
-            const int number = 400 + (getpid() + attempt * 37) % 500;
-            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
-            struct stat info
-            {
-            };
-            if (stat(socket.c_str(), &info) == 0) {
-                continue;
-            }
-            ChildProcess::Options options;
-            options.argv = {XvfbPath(),    ":" + std::to_string(number),
-                            "-screen",     "0",
-                            "1280x720x24", "-nolisten",
-                            "tcp",         "-br"};
-            options.outputFile = folder + "/xvfb.out";
-            if (!m_server.Start(options)) {
-                return false;
-            }
-            const auto deadline = std::chrono::steady_clock::now() + 15s;
-            while (std::chrono::steady_clock::now() < deadline) {
-                if (stat(socket.c_str(), &info) == 0) {
-                    m_name = ":" + std::to_string(number);
-                    return true;
-                }
-                if (!m_server.Running()) {
-                    break; // another server took the number first
-                }
-                std::this_thread::sleep_for(50ms);
-            }
-            m_server.Kill();
-            m_server.WaitForExit(5s);
-        }
-        return false;
-    }
-
-    const std::string& Name() const { return m_name; }
-
-private:
-    ChildProcess m_server;
-    std::string m_name;
-};
-
 // The whole screen as screen-grab saves it; a null image when it failed.
 QImage Grab(EndToEndScene& scene, const std::string& display, int index)
 {
-    const std::string path = scene.Dir().File("grab" + std::to_string(index) + ".png");
-    ChildProcess grab;
-    ChildProcess::Options options;
-    options.argv = {BinaryPath("screen-grab"), path};
-    options.environment = {{"DISPLAY", display}, {"QT_QPA_PLATFORM", "xcb"}};
-    options.outputFile = path + ".out";
-    int code = -1;
-    if (!grab.Start(options) || !grab.WaitForExit(30s, &code) || code != 0) {
-        return {};
-    }
-    return QImage(QString::fromStdString(path));
+    return GrabScreen(display, scene.Dir().File("grab" + std::to_string(index) + ".png"));
 }
 
-// kyr-sim's picture is eight full-height bars: white, yellow, cyan, green,
-// magenta, red, blue, black, as red, green and blue on or off. A box moves
-// over them and a number sits top left, so each bar is sampled at four
-// heights and counts when most samples show its colour. Answers how many of
-// the eight bars the window at the top left of the screen shows.
+// How many of kyr-sim's eight bars the window at the top left shows.
 int BarsShown(const QImage& screen)
 {
-    static const int kBars[8] = {0b111, 0b110, 0b011, 0b010, 0b101, 0b100, 0b001, 0b000};
-    if (screen.width() < kWidth || screen.height() < kHeight) {
-        return 0;
-    }
-    int shown = 0;
-    for (int bar = 0; bar < 8; ++bar) {
-        const int x = (2 * bar + 1) * kWidth / 16;
-        int matches = 0;
-        for (const double height : {0.3, 0.5, 0.7, 0.9}) {
-            const QColor colour = screen.pixelColor(x, static_cast<int>(height * kHeight));
-            int bits = 0;
-            bool clear = true;
-            for (const int channel : {colour.red(), colour.green(), colour.blue()}) {
-                bits = bits << 1 | (channel > 150 ? 1 : 0);
-                clear = clear && (channel > 150 || channel < 100);
-            }
-            matches += clear && bits == kBars[bar];
-        }
-        shown += matches >= 3;
-    }
-    return shown;
+    return velorane::test::BarsShown(screen, QRect(0, 0, kWidth, kHeight));
 }
 
 // How many pixels of the window differ between two grabs.
@@ -211,14 +116,18 @@ class RelayPictureEndToEndTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(m_display.Start(m_scene.Dir().Path())) << "no private X server";
+        PrivateXServer::Options options;
+        options.width = 1280;
+        options.height = 720;
+        options.folder = m_scene.Dir().Path();
+        ASSERT_TRUE(m_display.Start(options)) << "no private X server";
         m_scene.ShowOnDisplay(m_display.Name());
         m_base = EndToEndScene::FreeBasePort();
     }
 
     // The display outlives the scene, so that the relay never sees its X
     // server vanish before it has been told to quit.
-    PrivateDisplay m_display;
+    PrivateXServer m_display;
     EndToEndScene m_scene;
     int m_base = -1;
 

@@ -1,11 +1,13 @@
 // The relay window's side of the virtual monitor: the conference monitor it
 // owns, brought up by Initialize and down by Terminate, the dormant
-// calibration poll, and where the window goes when told the monitor's
-// place.
+// calibration poll, the display watch (on a scripted display platform)
+// that tells the window the monitor's place, and where the window goes.
 
 #include "Clients/Conference/ConferenceMonitor.h"
+#include "Clients/Conference/DisplayManager.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/Conference/RelayWindow.h"
+#include "Tests/Relay/FakeDisplayPlatform.h"
 #include "Tests/Relay/UnitQtApp.h"
 #include "Tests/Support/CapturingLogStore.h"
 #include "Tests/Support/RawLocalClient.h"
@@ -116,10 +118,21 @@ protected:
         return config;
     }
 
+    // A window whose display watch runs on the scripted displays.
+    std::unique_ptr<RelayWindow> MakeWindow(const RelayConfig& config)
+    {
+        return std::make_unique<RelayWindow>(config, [this] {
+            ++m_platformsMade;
+            return std::make_unique<FakeDisplayPlatform>(m_displays);
+        });
+    }
+
     TempDir m_dir;
     ScopedEnv m_tmpdir{"TMPDIR", m_dir.Path()};
     ScopedLogCapture m_log;
     std::unique_ptr<ScriptedLocalServer> m_server;
+    std::shared_ptr<FakeDisplayScript> m_displays = std::make_shared<FakeDisplayScript>();
+    int m_platformsMade = 0;
 };
 
 TEST_F(RelayWindowMonitorTest, TheWindowOwnsItsMonitorAndAStoppedCalibrationPoll)
@@ -260,6 +273,98 @@ TEST_F(RelayWindowMonitorTest, TheCalibrationPollAsksForTheMonitorsPlaceWhenStar
     ASSERT_TRUE(WaitUntil([&] { return !Requests().empty(); }, 5s));
     window.CalibrateTimer()->stop();
     EXPECT_EQ(Requests()[0], HexBytes("00000007a14700"));
+}
+
+TEST_F(RelayWindowMonitorTest, InitializeStartsTheDisplayWatchAfterTheMonitorRequests)
+{
+    Serve();
+    m_displays->displays = {PlainDisplay(3, 0)};
+    auto window = MakeWindow(Config(true));
+    EXPECT_EQ(window->Displays(), nullptr);
+    ASSERT_EQ(window->Initialize(), 0);
+    ASSERT_NE(window->Displays(), nullptr);
+    EXPECT_EQ(m_platformsMade, 1);
+    // Stocked before the monitor exists, then hooked.
+    EXPECT_EQ(window->Displays()->StockedList().size(), 1u);
+    EXPECT_EQ(m_displays->callbacks.size(), 1u);
+    EXPECT_EQ(m_displays->calls.back(), "Register()");
+    EXPECT_TRUE(m_log->Contains(EGroupValueInformation, "Original Main Display id=[0x3]"));
+    // The window waits, hidden, for the monitor.
+    EXPECT_FALSE(window->isVisible());
+    ExpectTakenDown(*window);
+}
+
+TEST_F(RelayWindowMonitorTest, TheMonitorsArrivalPlacesTheWindowOnIt)
+{
+    Serve();
+    m_displays->displays = {PlainDisplay(3, 0)};
+    auto window = MakeWindow(Config(true));
+    ASSERT_EQ(window->Initialize(), 0);
+    m_log->Clear();
+
+    m_displays->displays.push_back(VirtualMonitorDisplay(7, 1920));
+    m_displays->Fire(7, 0x10);
+    ASSERT_TRUE(WaitUntil([&] { return window->isVisible(); }, 5s));
+    EXPECT_EQ(window->Dimensions(), QRect(1920, 0, 1280, 720));
+    EXPECT_EQ(window->pos(), QPoint(1920, 0));
+    const auto messages = WindowMessages();
+    const std::vector<std::string> placed{"DisplayManager done: x=[1920] y=[0] w=[1280] h=[720]",
+                                          "Setting dimensions: x=[1920] y=[0] w=[1280] h=[720]"};
+    ASSERT_GE(messages.size(), 2u);
+    EXPECT_EQ(std::vector<std::string>(messages.begin(), messages.begin() + 2), placed);
+    EXPECT_EQ(m_log->Count("Failed to find virtual monitor"), 0u);
+    EXPECT_TRUE(m_log->Contains(EGroupValueInformation,
+                                "DisplayManager done: x=[1920] y=[0] w=[1280] h=[720]"));
+    ExpectTakenDown(*window);
+}
+
+TEST_F(RelayWindowMonitorTest, TerminateUnhooksAndDropsTheWatchWithWhatItHadScheduled)
+{
+    Serve();
+    m_displays->displays = {PlainDisplay(3, 0), VirtualMonitorDisplay(7, 1920)};
+    auto window = MakeWindow(Config(true));
+    ASSERT_EQ(window->Initialize(), 0);
+    m_displays->Fire(7, 0x2);
+    m_log->Clear();
+    ExpectTakenDown(*window);
+    EXPECT_EQ(window->Displays(), nullptr);
+    EXPECT_TRUE(m_displays->callbacks.empty());
+    EXPECT_EQ(m_displays->Count("Remove()"), 1u);
+    EXPECT_TRUE(m_log->Contains(EGroupValueInformation, " Clear stocked display list"));
+
+    // The change seen just before the end would have been handled now.
+    PumpEventsFor(700ms);
+    EXPECT_EQ(m_displays->Count("Begin()"), 0u);
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_EQ(m_log->Count("called HandleConfigureDone callback!"), 0u);
+}
+
+TEST_F(RelayWindowMonitorTest, NewDimensionsOnAFoundMonitorMoveAndShowTheWindow)
+{
+    Serve();
+    m_displays->displays = {PlainDisplay(3, 0), VirtualMonitorDisplay(7, 1920)};
+    auto window = MakeWindow(Config(true));
+    ASSERT_EQ(window->Initialize(), 0);
+    m_log->Clear();
+    window->SetDimensions(1920, 0, 1280, 720);
+    EXPECT_EQ(window->pos(), QPoint(1920, 0));
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(m_log->Count("Failed to find virtual monitor"), 0u);
+    // Linux can't capture a display for one program: nothing to lock.
+    EXPECT_FALSE(window->MonitorLocked());
+    ExpectTakenDown(*window);
+}
+
+TEST_F(RelayWindowMonitorTest, WithoutTheMonitorNoDisplayWatchIsMade)
+{
+    auto window = MakeWindow(Config(false));
+    EXPECT_EQ(window->Initialize(), 0);
+    EXPECT_EQ(window->Displays(), nullptr);
+    EXPECT_EQ(m_platformsMade, 0);
+    EXPECT_EQ(m_log->Count("Original Main Display id=[0x0]"), 0u);
+    window->SetDimensions(0, 0, 1280, 720);
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Failed to find virtual monitor"));
+    EXPECT_EQ(window->Terminate(), 0);
 }
 
 } // namespace
