@@ -19,16 +19,13 @@ constexpr const char* kVirtualDisplayProgram = "/VeloraneVirtualDisplay";
 } // namespace
 
 ConferenceMonitor::ConferenceMonitor(int width, int height, QObject* parent)
-    : QObject(parent), mWidth(width), mHeight(height)
+    : QObject(parent), mWidth(width), mHeight(height),
+      mVirtualDisplayProgram(QCoreApplication::applicationDirPath() +
+                             QLatin1String(kVirtualDisplayProgram))
 {
 }
 
 ConferenceMonitor::~ConferenceMonitor() = default;
-
-QString ConferenceMonitor::VirtualDisplayProgram()
-{
-    return QCoreApplication::applicationDirPath() + QLatin1String(kVirtualDisplayProgram);
-}
 
 // One connection per exchange: the process sees connect, one request,
 // disconnect.
@@ -209,7 +206,7 @@ RESULT ConferenceMonitor::InitializeStandalone(unsigned long long windowId)
 
     auto* process = new QProcess(this);
     process->setArguments(QStringList{QStringLiteral("-c")});
-    process->setProgram(VirtualDisplayProgram());
+    process->setProgram(mVirtualDisplayProgram);
     qint64 pid = 0;
     if (process->startDetached(&pid)) {
         return VLOG_RESULT(EGroupValueSevere, Success,

@@ -51,8 +51,11 @@ public:
     bool ConferenceCreated() const { return mConferenceCreated; }
     bool ServerListening() const { return mIpcServer.IsListening(); }
 
-    // The virtual display program: beside the relay's own executable.
-    static QString VirtualDisplayProgram();
+    // The virtual display program: beside the relay's own executable. The
+    // unit tests, which run beside a real one, name a program that isn't
+    // there instead.
+    const QString& VirtualDisplayProgram() const { return mVirtualDisplayProgram; }
+    void SetVirtualDisplayProgram(const QString& program) { mVirtualDisplayProgram = program; }
 
 Q_SIGNALS:
     void SignalUpdateRelayWindow(int x, int y, int w, int h);
@@ -61,6 +64,7 @@ private:
     bool mConferenceCreated = false;
     int mWidth;
     int mHeight;
+    QString mVirtualDisplayProgram;
     // Without a manager behind it: it listens only to hear that the process
     // is up.
     virtualmonitor::IpcServer mIpcServer;

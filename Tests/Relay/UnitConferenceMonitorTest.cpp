@@ -498,7 +498,9 @@ TEST_F(ConferenceMonitorTest, AHungServerCostsTheReplyTimeOut)
 
 TEST_F(ConferenceMonitorTest, StandaloneWithoutTheProgramStillListensAndSetsUpOnEachCallBack)
 {
-    ASSERT_FALSE(QFileInfo::exists(ConferenceMonitor::VirtualDisplayProgram()));
+    m_monitor.SetVirtualDisplayProgram(
+        QString::fromStdString(m_dir.File("VeloraneVirtualDisplay")));
+    ASSERT_FALSE(QFileInfo::exists(m_monitor.VirtualDisplayProgram()));
     Serve();
     EXPECT_EQ(m_monitor.InitializeStandalone(0), static_cast<int32_t>(0x80000000u));
     EXPECT_EQ(m_log->Messages(),

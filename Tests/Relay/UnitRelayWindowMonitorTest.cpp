@@ -195,8 +195,10 @@ TEST_F(RelayWindowMonitorTest, StandaloneListensAndSetsTheMonitorUpWhenTheProces
     RelayConfig config = Config(true);
     config.standalone = true;
     RelayWindow window(config);
-    // The display program isn't beside the test: the window goes on all the
-    // same, with the server listening for a process started otherwise.
+    // No display program: the window goes on all the same, with the server
+    // listening for a process started otherwise.
+    window.Monitor()->SetVirtualDisplayProgram(
+        QString::fromStdString(m_dir.File("VeloraneVirtualDisplay")));
     EXPECT_EQ(window.Initialize(), 0);
     EXPECT_TRUE(m_log->Contains(
         quorvan::EGroupValueSevere,
