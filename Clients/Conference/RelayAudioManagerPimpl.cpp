@@ -79,31 +79,39 @@ void RelayAudioManager::Pimpl::FromDriverThreadFunc()
             if (n <= 0) {
                 continue;
             }
-            ByteBuffer<const uint8_t> buffer(received.data(), static_cast<size_t>(n));
-            uint8_t command = 0;
-            buffer.ReadUInt8(command);
-            switch (command) {
-            case 0:
-            case 1:
-                break;
-            case driver::DriverCommandSpeakerData:
-                if (static_cast<size_t>(n) >= driver::kMinSpeakerDatagram) {
-                    OnSpeakerData(static_cast<int>(n - 1), buffer);
-                }
-                break;
-            case driver::DriverCommandAnnounce:
-                OnDriverAnnounce();
-                break;
-            default:
-                VLOG(EGroupValueWarning, "Unknown command %d", static_cast<int>(command));
-                break;
-            }
+            OnDriverDatagram(received.data(), static_cast<size_t>(n));
         }
     } catch (const std::exception& e) {
         // A failed bind: speaker audio stops for the life of the process.
         VLOG(EGroupValueSevere, "Exception: %s", e.what());
     }
     VLOG(EGroupValueInformation, "Exit");
+}
+
+void RelayAudioManager::Pimpl::OnDriverDatagram(const uint8_t* data, size_t size)
+{
+    if (size == 0) {
+        return;
+    }
+    ByteBuffer<const uint8_t> buffer(data, size);
+    uint8_t command = 0;
+    buffer.ReadUInt8(command);
+    switch (command) {
+    case 0:
+    case 1:
+        break;
+    case driver::DriverCommandSpeakerData:
+        if (size >= driver::kMinSpeakerDatagram) {
+            OnSpeakerData(static_cast<int>(size - 1), buffer);
+        }
+        break;
+    case driver::DriverCommandAnnounce:
+        OnDriverAnnounce();
+        break;
+    default:
+        VLOG(EGroupValueWarning, "Unknown command %d", static_cast<int>(command));
+        break;
+    }
 }
 
 void RelayAudioManager::Pimpl::DriverExpireThreadFunc()
