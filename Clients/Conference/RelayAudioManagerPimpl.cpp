@@ -201,7 +201,10 @@ void RelayAudioManager::Pimpl::WriteSpeakerPayload(QDataStream& stream, int size
         const uint64_t frames = static_cast<uint64_t>(size - 8) / driver::kBytesPerFrame;
         stream << static_cast<qint64>(timestamp - frames * 1000 / driver::kSampleRate);
         const int64_t now = UTCTime::Milliseconds();
-        stream << static_cast<qint64>(now + m_timeOffset.load());
+        // The offset comes from the Kyr's clock, whatever that says: the sum
+        // wraps in 64 bits instead of overflowing.
+        stream << static_cast<qint64>(static_cast<uint64_t>(now) +
+                                      static_cast<uint64_t>(m_timeOffset.load()));
         stream << static_cast<qint32>(m_rate.Update(frames, now));
     }
 
