@@ -1,6 +1,6 @@
 // The relay's command line: the input cut at zero bytes into the words of
 // an argument vector behind the program name, parsed into a RelayConfig as
-// main parses it (CLI11 with the relay's options; a parse error goes to
+// main parses it (RelayConfig::ParseCommandLine; a parse error goes to
 // app.exit, here into strings instead of the terminal), then completed and
 // printed as main does. An exception other than CLI11's parse error would
 // end the relay, as it ends this run.
@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CLI::App app{"Velorane Conference", ""};
     config.AddOptions(app);
     try {
-        app.parse(static_cast<int>(words.size()), argv.data());
+        config.ParseCommandLine(app, static_cast<int>(words.size()), argv.data());
     } catch (const CLI::ParseError& e) {
         std::ostringstream out;
         std::ostringstream err;
