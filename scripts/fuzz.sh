@@ -37,7 +37,7 @@ while [ $# -gt 0 ]; do
             KEEP="${2:?--keep needs a folder}"
             shift 2 ;;
         -h|--help)
-            sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'
+            sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'
             exit 0 ;;
         *)
             echo "fuzz.sh: unknown argument $1 (see --help)" >&2
