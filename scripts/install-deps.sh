@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs every Debian package the relay needs to build, test and benchmark.
+# Installs every Debian package the relay needs to build, test, fuzz and
+# benchmark (clang-14 and its libFuzzer runtime for the fuzz tree; iproute2
+# brings up loopback in the audio fuzz targets' network namespace).
 # Idempotent: asks apt only for what is missing, and refreshes the package
 # lists only when something is.
 set -euo pipefail
@@ -15,6 +17,7 @@ PACKAGES=(
     xvfb xauth x11-utils x11-xserver-utils libgl1-mesa-dri
     umockdev libumockdev-dev
     openssl ca-certificates
+    clang-14 libclang-rt-14-dev iproute2
 )
 
 missing=()

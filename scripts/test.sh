@@ -2,9 +2,12 @@
 # Installs what is missing, builds, and runs the whole suite three times:
 #   build/       the normal tree, every test;
 #   build-asan/  AddressSanitizer + UndefinedBehaviorSanitizer, every test;
-#   build-tsan/  ThreadSanitizer, the tests of code that doesn't use Qt.
-# GUI tests get a private Xvfb when no DISPLAY is set. Exits non-zero on any
-# failure; the last lines are CTest's own summary.
+#   build-tsan/  ThreadSanitizer, the tests of code that doesn't use Qt;
+# then builds the fuzz tree build-fuzz/ and gives every fuzz target a short
+# smoke run on its corpus (VELORANE_FUZZ_SMOKE_SECONDS each, default 15;
+# 0 leaves the fuzz tree out). GUI tests get a private Xvfb when no DISPLAY
+# is set. Exits non-zero on any failure; the last lines are CTest's own
+# summary, or, when the smoke runs find something, the fuzz script's.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -49,4 +52,13 @@ run_suite build-asan
 
 configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVELORANE_SANITIZE=thread \
     -DVELORANE_QT=OFF -DVELORANE_BUILD_BENCHMARKS=OFF -DVELORANE_BUILD_TOOLS=OFF
+
+# The fuzz smoke runs: any crash, leak or sanitizer report fails the script.
+# They run before the last suite, so that CTest's summary stays last.
+FUZZ_SMOKE_SECONDS="${VELORANE_FUZZ_SMOKE_SECONDS:-15}"
+if [ "$FUZZ_SMOKE_SECONDS" -gt 0 ]; then
+    echo "== fuzz smoke runs, ${FUZZ_SMOKE_SECONDS} s each"
+    "$ROOT/scripts/fuzz.sh" --seconds "$FUZZ_SMOKE_SECONDS"
+fi
+
 run_suite build-tsan -L nonqt

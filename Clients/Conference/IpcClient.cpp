@@ -100,7 +100,11 @@ void IpcClient::ThreadFinished()
 
 void IpcClient::IpcReadyRead()
 {
-    const QByteArray incoming = m_socket ? m_socket->readAll() : QByteArray();
+    ReceiveBytes(m_socket ? m_socket->readAll() : QByteArray());
+}
+
+void IpcClient::ReceiveBytes(const QByteArray& incoming)
+{
     if (m_buffer.size() > kMaxBufferedBytes - incoming.size()) {
         VLOG(EGroupValueWarning, "IPC buffer full, dropping %d bytes", incoming.size());
     } else {

@@ -43,6 +43,13 @@ public:
     // Ends the thread and waits for it without a limit; wait's result.
     bool Terminate();
 
+    // What IpcReadyRead does with the bytes it has read: buffer them and
+    // take at most one message off the front. Public so that bytes can be
+    // handed in without a socket (the fuzz targets split a stream at points
+    // of their choosing); the socket's own path goes through here
+    // unchanged. IPC thread.
+    void ReceiveBytes(const QByteArray& incoming);
+
 public Q_SLOTS:
     void IpcReadyRead();
     void IpcDisconnected();

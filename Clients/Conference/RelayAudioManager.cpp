@@ -28,6 +28,11 @@ RelayAudioManager::RelayAudioManager(const RelayConfig& config)
 
 RelayAudioManager::~RelayAudioManager() = default;
 
+void RelayAudioManager::OnDriverDatagram(const uint8_t* data, size_t size)
+{
+    m_pimpl->OnDriverDatagram(data, size);
+}
+
 void RelayAudioManager::StartSharing()
 {
     m_pimpl->OnAudioStart();

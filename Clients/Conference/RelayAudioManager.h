@@ -18,6 +18,8 @@
 #include <QByteArray>
 #include <QObject>
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 namespace quorvan::velorane::relay {
@@ -31,6 +33,12 @@ public:
     // be made throws UdpUtilRuntimeError to the caller.
     static std::unique_ptr<RelayAudioManager> NewInstance(const RelayConfig& config);
     ~RelayAudioManager() override;
+
+    // What the driver thread does with each datagram it receives on
+    // kyrPort + 8. Public so that a datagram can be handed in without the
+    // socket (the fuzz targets do); the socket's own path goes through here
+    // unchanged. The caller's thread then stands in for the driver thread.
+    void OnDriverDatagram(const uint8_t* data, size_t size);
 
     class Pimpl;
 

@@ -79,31 +79,39 @@ void RelayAudioManager::Pimpl::FromDriverThreadFunc()
             if (n <= 0) {
                 continue;
             }
-            ByteBuffer<const uint8_t> buffer(received.data(), static_cast<size_t>(n));
-            uint8_t command = 0;
-            buffer.ReadUInt8(command);
-            switch (command) {
-            case 0:
-            case 1:
-                break;
-            case driver::DriverCommandSpeakerData:
-                if (static_cast<size_t>(n) >= driver::kMinSpeakerDatagram) {
-                    OnSpeakerData(static_cast<int>(n - 1), buffer);
-                }
-                break;
-            case driver::DriverCommandAnnounce:
-                OnDriverAnnounce();
-                break;
-            default:
-                VLOG(EGroupValueWarning, "Unknown command %d", static_cast<int>(command));
-                break;
-            }
+            OnDriverDatagram(received.data(), static_cast<size_t>(n));
         }
     } catch (const std::exception& e) {
         // A failed bind: speaker audio stops for the life of the process.
         VLOG(EGroupValueSevere, "Exception: %s", e.what());
     }
     VLOG(EGroupValueInformation, "Exit");
+}
+
+void RelayAudioManager::Pimpl::OnDriverDatagram(const uint8_t* data, size_t size)
+{
+    if (size == 0) {
+        return;
+    }
+    ByteBuffer<const uint8_t> buffer(data, size);
+    uint8_t command = 0;
+    buffer.ReadUInt8(command);
+    switch (command) {
+    case 0:
+    case 1:
+        break;
+    case driver::DriverCommandSpeakerData:
+        if (size >= driver::kMinSpeakerDatagram) {
+            OnSpeakerData(static_cast<int>(size - 1), buffer);
+        }
+        break;
+    case driver::DriverCommandAnnounce:
+        OnDriverAnnounce();
+        break;
+    default:
+        VLOG(EGroupValueWarning, "Unknown command %d", static_cast<int>(command));
+        break;
+    }
 }
 
 void RelayAudioManager::Pimpl::DriverExpireThreadFunc()
@@ -193,7 +201,10 @@ void RelayAudioManager::Pimpl::WriteSpeakerPayload(QDataStream& stream, int size
         const uint64_t frames = static_cast<uint64_t>(size - 8) / driver::kBytesPerFrame;
         stream << static_cast<qint64>(timestamp - frames * 1000 / driver::kSampleRate);
         const int64_t now = UTCTime::Milliseconds();
-        stream << static_cast<qint64>(now + m_timeOffset.load());
+        // The offset comes from the Kyr's clock, whatever that says: the sum
+        // wraps in 64 bits instead of overflowing.
+        stream << static_cast<qint64>(static_cast<uint64_t>(now) +
+                                      static_cast<uint64_t>(m_timeOffset.load()));
         stream << static_cast<qint32>(m_rate.Update(frames, now));
     }
 

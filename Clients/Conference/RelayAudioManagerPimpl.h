@@ -40,6 +40,8 @@ public:
 
     void SendDriverIpAndPort(uint32_t ip, uint16_t port, const std::string& text);
     void FromDriverThreadFunc();
+    // One datagram from the driver, as the driver thread received it.
+    void OnDriverDatagram(const uint8_t* data, size_t size);
     void DriverExpireThreadFunc();
     // size is the datagram's length less the command byte; buffer stands
     // at the time stamp.

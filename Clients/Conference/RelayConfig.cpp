@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <sstream>
+#include <stdexcept>
 
 namespace quorvan::velorane::relay {
 
@@ -33,6 +34,15 @@ void RelayConfig::AddOptions(CLI::App& app)
     app.add_flag("!-u,!--no-usbip", tunnelConfig.enabled, "");
     app.add_flag("!-l,!--no-window", shouldCreateWindow, "");
     app.add_flag("!--insecure-usbip", tunnelConfig.secure, "");
+}
+
+void RelayConfig::ParseCommandLine(CLI::App& app, int argc, const char* const* argv)
+{
+    try {
+        app.parse(argc, argv);
+    } catch (const std::out_of_range&) {
+        throw CLI::ConversionError("Could not convert: a flag's value is out of range");
+    }
 }
 
 void RelayConfig::CompleteTunnelConfig()

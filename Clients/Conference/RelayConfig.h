@@ -45,6 +45,13 @@ struct RelayConfig
     // fields, in the order the client application knows them.
     void AddOptions(CLI::App& app);
 
+    // Parses the command line with app (made with AddOptions) into the
+    // fields. A malformed line throws CLI::ParseError, whatever went wrong:
+    // CLI11 lets std::out_of_range through for a negated flag given a
+    // number past 64 bits ("--no-monitor=99999999999999999999"), and that
+    // is refused as a value that doesn't convert.
+    void ParseCommandLine(CLI::App& app, int argc, const char* const* argv);
+
     // Fills the tunnel entry from the parsed fields: address, password, and
     // the base port plus 5 wrapped in 16 bits.
     void CompleteTunnelConfig();

@@ -74,7 +74,7 @@ int main(int argc, char** argv)
     CLI::App app{"Velorane Conference", ""};
     config.AddOptions(app);
     try {
-        app.parse(argc, argv);
+        config.ParseCommandLine(app, argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }

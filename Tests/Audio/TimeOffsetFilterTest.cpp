@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 using quorvan::TimeOffsetFilter;
 using quorvan::TimeOffsetSample;
 
@@ -87,4 +89,23 @@ TEST(TimeOffsetFilterTest, RankingEmptiedByEqualSamplesKeepsTheOffset)
     EXPECT_EQ(filter.Samples().size(), 60u);
     EXPECT_TRUE(filter.Ranking().empty());
     EXPECT_EQ(filter.Offset(), 900 - 10 + 5);
+}
+
+TEST(TimeOffsetFilterTest, ClocksAtTheEndsOfTheRangeWrapInsteadOfOverflowing)
+{
+    // Whatever the Kyr answers: the arithmetic wraps in 64 bits.
+    TimeOffsetFilter filter;
+    const int64_t lowest = INT64_MIN;
+    const int64_t highest = INT64_MAX;
+    // now - sent = 1000 - INT64_MIN wraps to INT64_MIN + 1000.
+    filter.AddSample(lowest, 0, 1000);
+    EXPECT_EQ(filter.Samples().front().roundTrip, lowest + 1000);
+    // remote - now + roundTrip / 2, each step wrapping.
+    EXPECT_EQ(filter.Samples().front().offset,
+              static_cast<int64_t>(static_cast<uint64_t>(-1000) +
+                                   static_cast<uint64_t>((lowest + 1000) / 2)));
+    TimeOffsetFilter other;
+    other.AddSample(0, highest, -10);
+    EXPECT_EQ(other.Samples().front().roundTrip, -10);
+    EXPECT_EQ(other.Samples().front().offset, lowest + 9 - 5);
 }

@@ -137,6 +137,22 @@ TEST(RelayEndToEndTest, PortAbove16BitsIsRefusedByTheParser)
     EXPECT_FALSE(scene.LogFolderExists());
 }
 
+TEST(RelayEndToEndTest, NegatedFlagWithANumberPast64BitsIsRefusedByTheParser)
+{
+    // CLI11 lets std::out_of_range out of the negated flags' conversion; the
+    // relay still ends with the parser's message and code, not by abort.
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartRelay({"--no-monitor=-5555555555555555555555"}));
+    int code = 0;
+    ASSERT_TRUE(scene.Relay().WaitForExit(20s, &code));
+    EXPECT_NE(code, 0);
+    EXPECT_NE(scene.Relay().Output().find("Could not convert: a flag's value is out of range\n"
+                                          "Run with --help for more information."),
+              std::string::npos)
+        << scene.Relay().Output();
+    EXPECT_FALSE(scene.LogFolderExists());
+}
+
 TEST(RelayEndToEndTest, NoClientEndsTheRelayAfterFiveSeconds)
 {
     EndToEndScene scene;

@@ -176,6 +176,17 @@ TEST_F(ConferenceTunnelManagerTest, PortIsTheRelayPortPlusFiveInDecimal)
     EXPECT_EQ(ConnectWith(relay.tunnelConfig), kRelayLines);
 }
 
+TEST_F(ConferenceTunnelManagerTest, PlaceMarkersInTheAddressStayAsTheyAre)
+{
+    // Qt's place markers in the text: the port goes only into the line's
+    // own place, never into the address.
+    ConferenceTunnelConfig config = Config();
+    config.kyrIp = "10.0.0.%0x%1";
+    config.password = "p%1w%2";
+    EXPECT_EQ(ConnectWith(config),
+              "KyrIP=10.0.0.%0x%1:7005\nPassword=p%1w%2\nForceSoftDecoder=1\n");
+}
+
 TEST_F(ConferenceTunnelManagerTest, DisabledManagerWritesNothing)
 {
     DisabledConferenceTunnelManager manager(Config(), nullptr);

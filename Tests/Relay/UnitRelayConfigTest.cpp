@@ -29,7 +29,7 @@ void Parse(RelayConfig& config, const std::vector<std::string>& args)
     for (const auto& arg : args) {
         argv.push_back(arg.c_str());
     }
-    app.parse(static_cast<int>(argv.size()), argv.data());
+    config.ParseCommandLine(app, static_cast<int>(argv.size()), argv.data());
 }
 
 RelayConfig Parsed(const std::vector<std::string>& args)
@@ -231,6 +231,31 @@ TEST(UnitRelayConfigTest, UnknownOptionIsRefused)
 {
     RelayConfig config;
     EXPECT_THROW(Parse(config, {"--frobnicate"}), CLI::ParseError);
+}
+
+TEST(UnitRelayConfigTest, NegatedFlagWithANumberPast64BitsIsRefused)
+{
+    // CLI11 lets the conversion's std::out_of_range through for these; the
+    // relay refuses the line as it refuses any value that doesn't convert.
+    for (const char* flag : {"--no-monitor", "--no-usbip", "--no-window", "--insecure-usbip"}) {
+        RelayConfig config;
+        CLI::App app{"Velorane Conference", ""};
+        config.AddOptions(app);
+        const std::string word = std::string(flag) + "=-5555555555555555555555";
+        const char* argv[] = {"velorane-relay", word.c_str()};
+        try {
+            config.ParseCommandLine(app, 2, argv);
+            ADD_FAILURE() << flag << " was taken";
+        } catch (const CLI::ParseError& e) {
+            std::ostringstream out;
+            std::ostringstream err;
+            EXPECT_NE(app.exit(e, out, err), 0) << flag;
+            EXPECT_EQ(out.str(), "") << flag;
+            EXPECT_EQ(err.str(), "Could not convert: a flag's value is out of range\n"
+                                 "Run with --help for more information.\n")
+                << flag;
+        }
+    }
 }
 
 TEST(UnitRelayConfigTest, HelpPrintsUsageWithoutDefaultsAndExitsWithZero)

@@ -32,10 +32,11 @@ bool IsOwnLine(const std::string& line)
 
 std::vector<std::string> RelayLines(const ConferenceTunnelConfig& config)
 {
+    // Both values in one pass: a chained arg() would take a "%0" or "%1"
+    // inside the address for the port's place marker.
     return {
         QStringLiteral("KyrIP=%1:%2")
-            .arg(QString::fromStdString(config.kyrIp))
-            .arg(config.port, 0, 10)
+            .arg(QString::fromStdString(config.kyrIp), QString::number(config.port, 10))
             .toStdString(),
         QStringLiteral("Password=%1").arg(QString::fromStdString(config.password)).toStdString(),
         "ForceSoftDecoder=1"};

@@ -147,7 +147,12 @@ void TcpCommunication::slotReadyRead()
     }
     // Any byte at all counts as an answer.
     m_requestTimer->stop();
-    m_readBuffer->append(m_socket->readAll());
+    ReceiveBytes(m_socket->readAll());
+}
+
+void TcpCommunication::ReceiveBytes(const QByteArray& bytes)
+{
+    m_readBuffer->append(bytes);
     if (EndLinkIfOversized()) {
         return;
     }
@@ -186,7 +191,9 @@ bool TcpCommunication::EndLinkIfOversized()
     if (m_requestTimer) {
         m_requestTimer->stop();
     }
-    m_socket->abort();
+    if (m_socket) {
+        m_socket->abort();
+    }
     Q_EMIT SignalConnectionFailed();
     return true;
 }

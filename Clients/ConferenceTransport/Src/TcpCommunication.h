@@ -54,6 +54,13 @@ public:
     // follow, and the link ends as a closed one would.
     static constexpr int kMaxReadBuffer = 4 * 1024 * 1024;
 
+    // What readyRead does with the bytes it has read: buffer them, end a
+    // link that has gone past its bound, and take at most one response off
+    // the front. Public so that bytes can be handed in without a socket
+    // (the fuzz targets split a stream at points of their choosing); the
+    // socket's own path goes through here unchanged. Transport thread.
+    void ReceiveBytes(const QByteArray& bytes);
+
 private:
     void OnSocketError(QAbstractSocket::SocketError error);
     // True when the buffer has gone past its bound or announces a response

@@ -2,13 +2,29 @@
 
 namespace quorvan {
 
+namespace {
+
+// The two clocks come from the Kyr's answer, whatever it holds: the
+// arithmetic wraps in 64 bits instead of overflowing.
+int64_t WrappingSubtract(int64_t a, int64_t b)
+{
+    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+int64_t WrappingAdd(int64_t a, int64_t b)
+{
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+} // namespace
+
 int64_t TimeOffsetFilter::AddSample(int64_t sent, int64_t remote, int64_t now)
 {
     TimeOffsetSample sample;
-    sample.roundTrip = now - sent;
+    sample.roundTrip = WrappingSubtract(now, sent);
     sample.time = now;
     // The Kyr read its clock about half-way through the round trip.
-    sample.offset = remote - now + sample.roundTrip / 2;
+    sample.offset = WrappingAdd(WrappingSubtract(remote, now), sample.roundTrip / 2);
 
     m_offsetSamples.push_front(sample);
     // A sample equal to one present (same round trip, same time) isn't
