@@ -13,6 +13,7 @@ PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     xvfb xauth x11-utils libgl1-mesa-dri
     umockdev libumockdev-dev
+    pipewire-bin wireplumber pipewire-pulse pulseaudio-utils libpipewire-0.3-dev sox
     openssl ca-certificates
 )
 
