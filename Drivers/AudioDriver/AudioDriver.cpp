@@ -41,14 +41,8 @@ bool AudioDriver::Start()
         VLOG(EGroupValueSevere, "No PipeWire main loop");
         return false;
     }
-    m_terminate = m_loop.AddSignal(SIGTERM, [this] {
-        VLOG(EGroupValueInformation, "Ending on SIGTERM");
-        Stop(0);
-    });
-    m_interrupt = m_loop.AddSignal(SIGINT, [this] {
-        VLOG(EGroupValueInformation, "Ending on SIGINT");
-        Stop(0);
-    });
+    m_terminate = m_loop.AddSignal(SIGTERM, [this] { OnSignal("SIGTERM"); });
+    m_interrupt = m_loop.AddSignal(SIGINT, [this] { OnSignal("SIGINT"); });
     m_speakerAudio = m_loop.AddEvent([this] { OnSpeakerAudio(); });
     m_tick = m_loop.AddTimer(kTickMs, [this] { OnTick(); });
     m_second = m_loop.AddTimer(kSecondMs, [this] { OnSecond(); });
@@ -59,20 +53,15 @@ bool AudioDriver::Start()
     MainLoop::Source* wake = m_speakerAudio.get();
     m_speakerCapture = std::make_unique<SpeakerCapture>(m_speakerRing, [wake] { wake->Signal(); });
 
-    m_pipewire = std::make_unique<PipeWireConnection>(m_loop, [this](const std::string& why) {
-        VLOG(EGroupValueSevere, "Ending: PipeWire went away (%s)", why.c_str());
-        Stop(1);
-    });
+    m_pipewire = std::make_unique<PipeWireConnection>(
+        m_loop, [this](const std::string& why) { OnPipeWireGone(why); });
     if (!m_pipewire->Connect()) {
         return false;
     }
     DeviceStream::Settings settings;
     settings.latencyFrames = m_options.latencyFrames;
     settings.configurePorts = m_options.noSessionManager;
-    auto onFailure = [this](const std::string& why) {
-        VLOG(EGroupValueSevere, "Ending: %s", why.c_str());
-        Stop(1);
-    };
+    auto onFailure = [this](const std::string& why) { OnNodeFailed(why); };
     settings.kind = DeviceStream::Kind::Sink;
     settings.nodeName = kSpeakerName;
     settings.description = kSpeakerDescription;
@@ -98,6 +87,24 @@ bool AudioDriver::Start()
          kSpeakerDescription, kMicrophoneDescription, m_options.latencyFrames,
          m_options.noSessionManager ? ", ports set up by the nodes" : "");
     return true;
+}
+
+void AudioDriver::OnSignal(const char* name)
+{
+    VLOG(EGroupValueInformation, "Ending on %s", name);
+    Stop(0);
+}
+
+void AudioDriver::OnPipeWireGone(const std::string& why)
+{
+    VLOG(EGroupValueSevere, "Ending: PipeWire went away (%s)", why.c_str());
+    Stop(1);
+}
+
+void AudioDriver::OnNodeFailed(const std::string& why)
+{
+    VLOG(EGroupValueSevere, "Ending: %s", why.c_str());
+    Stop(1);
 }
 
 void AudioDriver::Stop(int exitCode)

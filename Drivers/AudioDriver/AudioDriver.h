@@ -42,6 +42,9 @@ private:
     static constexpr size_t kRingFrames = 16384;
 
     bool Start();
+    void OnSignal(const char* name);
+    void OnPipeWireGone(const std::string& why);
+    void OnNodeFailed(const std::string& why);
     void Stop(int exitCode);
     void OnSpeakerAudio();
     void OnTick();

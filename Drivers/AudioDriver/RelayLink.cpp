@@ -132,11 +132,16 @@ void RelayLink::TakeAddress(const uint8_t* data, size_t size)
     const bool moved = address.basePort != m_basePort;
     VLOG(EGroupValueInformation, "Relay at base port %d, Kyr %s", address.basePort,
          DottedAddress(address.ip).c_str());
-    if (moved || !m_relayPresent) {
+    const bool news = moved || !m_relayPresent;
+    if (news) {
         m_onRelayChanged();
     }
     UseBasePort(address.basePort);
     m_relayPresent = true;
+    if (news) {
+        // A new relay learns at once that the driver is there.
+        Announce();
+    }
 }
 
 void RelayLink::OnMicrophoneReadable()

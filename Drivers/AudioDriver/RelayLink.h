@@ -2,8 +2,9 @@
 
 // The driver's UDP link with the relay on 127.0.0.1. It listens on the
 // control port (9002) for the Kyr's address, which names the relay's base
-// port; sends announces and speaker datagrams to base + 8; and receives
-// microphone datagrams on base + 7. A new base port moves both at once. The
+// port; sends announces (at once to a new relay, then each second) and
+// speaker datagrams to base + 8; and receives microphone datagrams on
+// base + 7. A new base port moves both at once. The
 // all-zero address message (the relay is going away) stops the speaker
 // datagrams until the next address; announces go on to the last base port,
 // so a relay started again there sees the driver at once. A port that can't
