@@ -2,6 +2,9 @@
 
 #include "Common/Logger/Src/Logger.h"
 
+#include <pipewire/keys.h>
+#include <pipewire/properties.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -11,7 +14,10 @@ PipeWireConnection::PipeWireConnection(MainLoop& loop,
                                        std::function<void(const std::string&)> onGone)
     : m_onGone(std::move(onGone))
 {
-    m_context = pw_context_new(loop.Loop(), nullptr, 0);
+    // The configuration of real-time audio clients: it asks for real-time
+    // priority for the thread the nodes' process callbacks run on.
+    m_context = pw_context_new(loop.Loop(),
+                               pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0);
     m_events.version = PW_VERSION_CORE_EVENTS;
     m_events.error = &PipeWireConnection::OnCoreError;
 }

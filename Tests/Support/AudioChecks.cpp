@@ -82,6 +82,35 @@ std::vector<int16_t> Audible(const std::vector<int16_t>& samples)
     return begin < end ? std::vector<int16_t>(begin, end) : std::vector<int16_t>();
 }
 
+std::vector<int16_t> LongestUnbroken(const std::vector<int16_t>& samples, size_t gap)
+{
+    size_t bestStart = 0;
+    size_t bestEnd = 0;
+    size_t start = 0;
+    size_t quiet = 0;
+    for (size_t i = 0; i <= samples.size(); ++i) {
+        const bool loud = i < samples.size() && std::abs(samples[i]) >= kWhisper;
+        if (loud || i == samples.size()) {
+            // A silence long enough (or the end) closes the stretch before it.
+            if (quiet >= gap || i == samples.size()) {
+                const size_t end = i - quiet;
+                if (end > start && end - start > bestEnd - bestStart) {
+                    bestStart = start;
+                    bestEnd = end;
+                }
+                if (quiet >= gap) {
+                    start = i;
+                }
+            }
+            quiet = 0;
+        } else {
+            ++quiet;
+        }
+    }
+    return std::vector<int16_t>(samples.begin() + static_cast<long>(bestStart),
+                                samples.begin() + static_cast<long>(bestEnd));
+}
+
 bool WriteWav(const std::string& path, const std::vector<int16_t>& samples)
 {
     const auto dataBytes = static_cast<uint32_t>(samples.size() * 2);

@@ -27,6 +27,10 @@ size_t LongestSilence(const std::vector<int16_t>& samples, size_t first);
 // without the silence around it. Empty when all is silent.
 std::vector<int16_t> Audible(const std::vector<int16_t>& samples);
 
+// The longest stretch without a silence of gap samples or more: the part
+// of a recording that ran without a break.
+std::vector<int16_t> LongestUnbroken(const std::vector<int16_t>& samples, size_t gap);
+
 // Writes interleaved 16-bit stereo samples at 48 kHz as a WAV file.
 bool WriteWav(const std::string& path, const std::vector<int16_t>& samples);
 // A sine of hz at amplitude on both channels, seconds long, interleaved.
