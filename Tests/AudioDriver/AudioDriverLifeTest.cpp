@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <thread>
 
 using namespace velorane::test;
@@ -53,6 +54,38 @@ TEST(AudioDriverLifeTest, HelpNamesTheOptionsAndWrongOnesAreRefused)
     EXPECT_NE(output.find("--base-port"), std::string::npos) << output;
     EXPECT_NE(RunDriver({"--latency", "abc"}, &output), 0);
     EXPECT_NE(RunDriver({"--no-such-option"}, &output), 0);
+}
+
+TEST(AudioDriverLifeTest, WithoutPipeWireItEndsAtOnce)
+{
+    // Nobody listens in this runtime folder: the driver says so and ends
+    // with 1, for its service manager to try again.
+    TempDir dir;
+    ChildProcess driver;
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("VeloraneAudioDriver"), "--control-port",
+                    std::to_string(FreeUdpPort())};
+    options.environment = {{"XDG_RUNTIME_DIR", dir.Path()}, {"XDG_DATA_HOME", dir.File("data")}};
+    options.unset = HeadlessPipeWire::Unset();
+    options.outputFile = dir.File("out");
+    int code = -1;
+    ASSERT_TRUE(driver.Start(options));
+    ASSERT_TRUE(driver.WaitForExit(10s, &code));
+    EXPECT_EQ(code, 1);
+    std::string log;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(dir.File("data/Velorane/Client/Logs"))) {
+        log += ReadFile(entry.path().string());
+    }
+    const auto lines = ParseLogFile(log);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().message, kEnd);
+    size_t refused = 0;
+    for (const auto& line : lines) {
+        refused +=
+            line.group == kSevere && line.message.rfind("Can't connect to PipeWire: ", 0) == 0;
+    }
+    EXPECT_EQ(refused, 1u) << log;
 }
 
 TEST(AudioDriverLifeTest, NodesAreDevicesOfTheAgreedFormat)
