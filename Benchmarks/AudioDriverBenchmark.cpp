@@ -1,0 +1,284 @@
+// The audio driver's cost and delay, on a private headless PipeWire:
+//   - CPU per second of the driver process while audio flows both ways (an
+//     application plays into "Velorane Speaker" and another records
+//     "Velorane Microphone"; the benchmark stands in for the relay, taking
+//     the speaker datagrams and sending 864 frames of microphone audio
+//     every 18 ms as the relay does), and while nothing is linked;
+//   - the delay it adds: from the application's cycle that carries a click
+//     to the speaker datagram with it, and from the microphone datagram
+//     with a click to the recording application's cycle that has it.
+//
+//   audio_driver_benchmark [--rounds N] [--seconds S]
+
+#include "Benchmarks/ApplicationStreams.h"
+#include "Benchmarks/BenchStats.h"
+#include "Tests/Support/AudioDriverScene.h"
+#include "Tests/Support/AudioUdpPeer.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using velorane::bench::ApplicationStreams;
+using velorane::bench::Quantile;
+using namespace velorane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kMicrophoneFrames = 864;
+constexpr auto kMicrophonePeriod = 18ms;
+
+// CPU time of all threads of a process, in seconds.
+double ProcessCpu(pid_t pid)
+{
+    double total = 0;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    if (DIR* dir = opendir(tasks.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            std::ifstream schedstat(tasks + "/" + entry->d_name + "/schedstat");
+            double nanoseconds = 0;
+            schedstat >> nanoseconds;
+            total += nanoseconds * 1e-9;
+        }
+        closedir(dir);
+    }
+    return total;
+}
+
+// The relay's side: takes speaker datagrams, notes when one carries a
+// click; sends microphone datagrams at the relay's pace, with a click when
+// asked, and notes when it went.
+class RelayStandIn
+{
+public:
+    explicit RelayStandIn(int base) : m_base(base), m_speaker(base + 8) {}
+    ~RelayStandIn() { Stop(); }
+
+    bool Bound() const { return m_speaker.Bound(); }
+
+    void Start()
+    {
+        m_running = true;
+        m_receiver = std::thread([this] { Receive(); });
+        m_sender = std::thread([this] { Send(); });
+    }
+    void Stop()
+    {
+        m_running = false;
+        for (std::thread* thread : {&m_receiver, &m_sender}) {
+            if (thread->joinable()) {
+                thread->join();
+            }
+        }
+    }
+    void SetSending(bool sending) { m_sending = sending; }
+
+    int64_t LastClickArrived() const { return m_arrived.load(); }
+    // The next microphone datagram carries a click; returns when it went.
+    int64_t SendClick()
+    {
+        m_sent = 0;
+        m_clickWanted = true;
+        const int64_t deadline = ApplicationStreams::NowNs() + 1000000000;
+        while (m_sent.load() == 0 && ApplicationStreams::NowNs() < deadline) {
+            std::this_thread::sleep_for(200us);
+        }
+        return m_sent.load();
+    }
+
+private:
+    void Receive()
+    {
+        std::vector<uint8_t> datagram;
+        while (m_running) {
+            if (!m_speaker.Receive(datagram, 50ms) || datagram.empty() || datagram[0] != 2) {
+                continue;
+            }
+            const int64_t now = ApplicationStreams::NowNs();
+            for (size_t at = 9; at + 4 <= datagram.size(); at += 4) {
+                const auto left = static_cast<int16_t>((datagram[at] << 8) | datagram[at + 1]);
+                if (left == ApplicationStreams::kClick) {
+                    m_arrived = now;
+                    break;
+                }
+            }
+        }
+    }
+
+    void Send()
+    {
+        AudioUdpPeer socket;
+        uint64_t stamp = 0;
+        auto next = std::chrono::steady_clock::now();
+        while (m_running) {
+            std::this_thread::sleep_until(next);
+            next += kMicrophonePeriod;
+            if (!m_sending) {
+                continue;
+            }
+            std::vector<uint8_t> datagram(8 + 4 * kMicrophoneFrames, 0);
+            for (int i = 0; i < 8; ++i) {
+                datagram[static_cast<size_t>(i)] = static_cast<uint8_t>(stamp >> (56 - 8 * i));
+            }
+            const bool click = m_clickWanted.exchange(false);
+            if (click) {
+                for (size_t at = 8; at < 12; at += 2) {
+                    datagram[at] = static_cast<uint8_t>(ApplicationStreams::kClick >> 8);
+                    datagram[at + 1] = static_cast<uint8_t>(ApplicationStreams::kClick & 0xFF);
+                }
+            }
+            socket.SendTo(m_base + 7, datagram);
+            if (click) {
+                m_sent = ApplicationStreams::NowNs();
+            }
+            stamp += kMicrophoneFrames;
+        }
+    }
+
+    int m_base;
+    AudioUdpPeer m_speaker;
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_sending{true};
+    std::atomic<bool> m_clickWanted{false};
+    std::atomic<int64_t> m_arrived{0};
+    std::atomic<int64_t> m_sent{0};
+    std::thread m_receiver;
+    std::thread m_sender;
+};
+
+std::string LoadAverage()
+{
+    std::ifstream loadavg("/proc/loadavg");
+    std::string one, five, fifteen;
+    loadavg >> one >> five >> fifteen;
+    return one + " " + five + " " + fifteen;
+}
+
+// Waits for an event later than since; its time less since, in ms, or -1.
+template <typename Probe> double DelayMs(int64_t since, Probe probe)
+{
+    const int64_t deadline = since + 1000000000;
+    while (ApplicationStreams::NowNs() < deadline) {
+        const int64_t at = probe();
+        if (at > since) {
+            return static_cast<double>(at - since) / 1e6;
+        }
+        std::this_thread::sleep_for(200us);
+    }
+    return -1;
+}
+
+void PrintDelays(const char* what, const std::vector<double>& delays, size_t clicks)
+{
+    std::printf("  %s: %zu of %zu clicks, median %.1f ms, p10 %.1f, p90 %.1f, max %.1f\n", what,
+                delays.size(), clicks, Quantile(delays, 0.5), Quantile(delays, 0.1),
+                Quantile(delays, 0.9), Quantile(delays, 1.0));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int rounds = 3;
+    int seconds = 10;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--rounds") == 0) {
+            rounds = std::max(1, std::atoi(argv[i + 1]));
+        } else if (std::strcmp(argv[i], "--seconds") == 0) {
+            seconds = std::max(1, std::atoi(argv[i + 1]));
+        }
+    }
+    std::printf("load average before: %s\n", LoadAverage().c_str());
+
+    AudioDriverScene scene;
+    if (!scene.StartPipeWire()) {
+        std::fprintf(stderr, "no PipeWire: %s\n", scene.PipeWire().Error().c_str());
+        return 1;
+    }
+    const int base = AudioUdpPeer::FreeBasePort();
+    RelayStandIn relay(base);
+    AudioUdpPeer controlProbe;
+    const int control = controlProbe.Port();
+    if (!relay.Bound() || !scene.StartDriver({"--base-port", std::to_string(base), "--control-port",
+                                              std::to_string(control)})) {
+        std::fprintf(stderr, "the driver didn't start:\n%s\n", scene.Driver().Output().c_str());
+        return 1;
+    }
+    // This process is a client of the same private PipeWire.
+    for (const auto& [name, value] : scene.PipeWire().Environment()) {
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    for (const std::string& name : HeadlessPipeWire::Unset()) {
+        unsetenv(name.c_str());
+    }
+    pw_init(&argc, &argv);
+    relay.Start();
+
+    const pid_t driver = scene.Driver().Pid();
+    for (int round = 1; round <= rounds; ++round) {
+        auto apps = std::make_unique<ApplicationStreams>();
+        if (!apps->Start()) {
+            std::fprintf(stderr, "the application streams didn't start\n");
+            return 1;
+        }
+        relay.SetSending(true);
+        std::this_thread::sleep_for(1s);
+
+        // Both ways, with a click each way every 250 ms.
+        std::vector<double> speaker;
+        std::vector<double> microphone;
+        size_t clicks = 0;
+        const double cpuStart = ProcessCpu(driver);
+        const auto start = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds)) {
+            ++clicks;
+            const int64_t played = apps->PlayClick();
+            const double toDatagram =
+                played ? DelayMs(played, [&relay] { return relay.LastClickArrived(); }) : -1;
+            if (toDatagram >= 0) {
+                speaker.push_back(toDatagram);
+            }
+            const int64_t sent = relay.SendClick();
+            const double toApplication =
+                sent ? DelayMs(sent, [&apps] { return apps->LastClickHeard(); }) : -1;
+            if (toApplication >= 0) {
+                microphone.push_back(toApplication);
+            }
+            std::this_thread::sleep_until(start + clicks * 250ms);
+        }
+        const double elapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double busy = (ProcessCpu(driver) - cpuStart) * 1000 / elapsed;
+
+        // Nothing linked, no microphone audio: the nodes still run (the
+        // speaker's silence still goes to the relay).
+        apps.reset();
+        relay.SetSending(false);
+        std::this_thread::sleep_for(1s);
+        const double idleStart = ProcessCpu(driver);
+        const auto idleFrom = std::chrono::steady_clock::now();
+        std::this_thread::sleep_for(std::chrono::seconds(seconds));
+        const double idleElapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - idleFrom).count();
+        const double idle = (ProcessCpu(driver) - idleStart) * 1000 / idleElapsed;
+
+        std::printf("round %d: driver CPU %.2f ms per second both ways, %.2f ms idle\n", round,
+                    busy, idle);
+        PrintDelays("application to datagram", speaker, clicks);
+        PrintDelays("datagram to application", microphone, clicks);
+    }
+    relay.Stop();
+    std::printf("load average after: %s\n", LoadAverage().c_str());
+    return 0;
+}
