@@ -4,6 +4,12 @@
 //     "Velorane Microphone"; the benchmark stands in for the relay, taking
 //     the speaker datagrams and sending 864 frames of microphone audio
 //     every 18 ms as the relay does), and while nothing is linked;
+//   - the same for the bare library beside it: two nodes made as the driver
+//     makes its own, doing nothing (BareDeviceNodes, in a child process),
+//     on a second private PipeWire of their own. (On one graph, whichever
+//     client's node runs last in the cycle pays for waking the daemon, and
+//     that was most of the cost: the two sides swapped their figures when
+//     their nodes swapped places.)
 //   - the delay it adds: from the application's cycle that carries a click
 //     to the speaker datagram with it, and from the microphone datagram
 //     with a click to the recording application's cycle that has it.
@@ -11,12 +17,14 @@
 //   audio_driver_benchmark [--rounds N] [--seconds S]
 
 #include "Benchmarks/ApplicationStreams.h"
+#include "Benchmarks/BareDeviceNodes.h"
 #include "Benchmarks/BenchStats.h"
 #include "Tests/Support/AudioDriverScene.h"
 #include "Tests/Support/AudioUdpPeer.h"
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -190,6 +198,9 @@ void PrintDelays(const char* what, const std::vector<double>& delays, size_t cli
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::strcmp(argv[1], "--bare-nodes") == 0) {
+        return velorane::bench::RunBareDeviceNodes();
+    }
     int rounds = 3;
     int seconds = 10;
     for (int i = 1; i + 1 < argc; i += 2) {
@@ -224,6 +235,18 @@ int main(int argc, char** argv)
     }
     pw_init(&argc, &argv);
     relay.Start();
+    HeadlessPipeWire barePipeWire;
+    ChildProcess bare;
+    ChildProcess::Options bareOptions;
+    bareOptions.argv = {"/proc/self/exe", "--bare-nodes"};
+    bareOptions.environment = barePipeWire.Environment();
+    bareOptions.unset = HeadlessPipeWire::Unset();
+    bareOptions.outputFile = barePipeWire.Dir().File("bare.out");
+    if (!barePipeWire.Start() || !bare.Start(bareOptions) ||
+        !barePipeWire.WaitForPulseNode("sinks", "bare-speaker", 10s)) {
+        std::fprintf(stderr, "the bare nodes didn't start:\n%s\n", bare.Output().c_str());
+        return 1;
+    }
 
     const pid_t driver = scene.Driver().Pid();
     for (int round = 1; round <= rounds; ++round) {
@@ -240,6 +263,7 @@ int main(int argc, char** argv)
         std::vector<double> microphone;
         size_t clicks = 0;
         const double cpuStart = ProcessCpu(driver);
+        const double bareStart = ProcessCpu(bare.Pid());
         const auto start = std::chrono::steady_clock::now();
         while (std::chrono::steady_clock::now() - start < std::chrono::seconds(seconds)) {
             ++clicks;
@@ -260,6 +284,7 @@ int main(int argc, char** argv)
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         const double busy = (ProcessCpu(driver) - cpuStart) * 1000 / elapsed;
+        const double bareBusy = (ProcessCpu(bare.Pid()) - bareStart) * 1000 / elapsed;
 
         // Nothing linked, no microphone audio: the nodes still run (the
         // speaker's silence still goes to the relay).
@@ -267,18 +292,23 @@ int main(int argc, char** argv)
         relay.SetSending(false);
         std::this_thread::sleep_for(1s);
         const double idleStart = ProcessCpu(driver);
+        const double bareIdleStart = ProcessCpu(bare.Pid());
         const auto idleFrom = std::chrono::steady_clock::now();
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
         const double idleElapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - idleFrom).count();
         const double idle = (ProcessCpu(driver) - idleStart) * 1000 / idleElapsed;
+        const double bareIdle = (ProcessCpu(bare.Pid()) - bareIdleStart) * 1000 / idleElapsed;
 
-        std::printf("round %d: driver CPU %.2f ms per second both ways, %.2f ms idle\n", round,
-                    busy, idle);
+        std::printf("round %d: CPU ms per second: driver %.2f both ways, %.2f idle; bare nodes "
+                    "%.2f and %.2f in the same windows\n",
+                    round, busy, idle, bareBusy, bareIdle);
         PrintDelays("application to datagram", speaker, clicks);
         PrintDelays("datagram to application", microphone, clicks);
     }
     relay.Stop();
+    ::kill(bare.Pid(), SIGTERM);
+    bare.WaitForExit(5s);
     std::printf("load average after: %s\n", LoadAverage().c_str());
     return 0;
 }

@@ -9,7 +9,11 @@ namespace quorvan::velorane::audiodriver {
 
 namespace {
 
-constexpr int kTickMs = 100;
+// The main loop sends what the speaker ring holds at this pace, so the
+// real-time thread never has to wake it: on a virtual machine a wake-up
+// from one thread to another cost the waker tens of microseconds, several
+// times what a graph cycle's work costs.
+constexpr int kTickMs = 10;
 constexpr int kSecondMs = 1000;
 // The counters are logged at most this often, and only when they moved.
 constexpr int kCounterSeconds = 10;
@@ -43,15 +47,12 @@ bool AudioDriver::Start()
     }
     m_terminate = m_loop.AddSignal(SIGTERM, [this] { OnSignal("SIGTERM"); });
     m_interrupt = m_loop.AddSignal(SIGINT, [this] { OnSignal("SIGINT"); });
-    m_speakerAudio = m_loop.AddEvent([this] { OnSpeakerAudio(); });
     m_tick = m_loop.AddTimer(kTickMs, [this] { OnTick(); });
     m_second = m_loop.AddTimer(kSecondMs, [this] { OnSecond(); });
-    if (!m_terminate || !m_interrupt || !m_speakerAudio || !m_tick || !m_second) {
+    if (!m_terminate || !m_interrupt || !m_tick || !m_second) {
         VLOG(EGroupValueSevere, "PipeWire's main loop took no more sources");
         return false;
     }
-    MainLoop::Source* wake = m_speakerAudio.get();
-    m_speakerCapture = std::make_unique<SpeakerCapture>(m_speakerRing, [wake] { wake->Signal(); });
 
     m_pipewire = std::make_unique<PipeWireConnection>(
         m_loop, [this](const std::string& why) { OnPipeWireGone(why); });
@@ -66,7 +67,7 @@ bool AudioDriver::Start()
     settings.nodeName = kSpeakerName;
     settings.description = kSpeakerDescription;
     m_speaker =
-        std::make_unique<DeviceStream>(m_pipewire->Core(), settings, *m_speakerCapture, onFailure);
+        std::make_unique<DeviceStream>(m_pipewire->Core(), settings, m_speakerCapture, onFailure);
     settings.kind = DeviceStream::Kind::Source;
     settings.nodeName = kMicrophoneName;
     settings.description = kMicrophoneDescription;
@@ -113,7 +114,7 @@ void AudioDriver::Stop(int exitCode)
     m_loop.Quit();
 }
 
-void AudioDriver::OnSpeakerAudio()
+void AudioDriver::OnTick()
 {
     RelayLink* link = m_link.get();
     if (link && link->WantsSpeaker()) {
@@ -123,10 +124,6 @@ void AudioDriver::OnSpeakerAudio()
     } else {
         m_sender.Drain(nullptr, 0);
     }
-}
-
-void AudioDriver::OnTick()
-{
     m_jitterBuffer.Poll(Monotonic::Milliseconds());
 }
 

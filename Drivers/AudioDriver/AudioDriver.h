@@ -9,7 +9,7 @@
 //
 // Threads: the main thread runs everything here but the two nodes' process
 // callbacks, which run on PipeWire's real-time thread and touch only the
-// rings (SpeakerCapture, MicrophonePlayout) and the wake-up event.
+// rings (SpeakerCapture, MicrophonePlayout).
 
 #include "Drivers/AudioDriver/AudioRing.h"
 #include "Drivers/AudioDriver/DeviceStream.h"
@@ -46,7 +46,7 @@ private:
     void OnPipeWireGone(const std::string& why);
     void OnNodeFailed(const std::string& why);
     void Stop(int exitCode);
-    void OnSpeakerAudio();
+    void SendSpeaker(size_t minimumFrames);
     void OnTick();
     void OnSecond();
     void LogCounters();
@@ -55,8 +55,7 @@ private:
     MainLoop m_loop;
     AudioRing m_speakerRing{kRingFrames};
     AudioRing m_microphoneRing{kRingFrames};
-    std::unique_ptr<MainLoop::Source> m_speakerAudio;
-    std::unique_ptr<SpeakerCapture> m_speakerCapture;
+    SpeakerCapture m_speakerCapture{m_speakerRing};
     MicrophonePlayout m_microphonePlayout{m_microphoneRing};
     MicrophoneJitterBuffer m_jitterBuffer{m_microphoneRing};
     SpeakerSender m_sender{m_speakerRing};
@@ -66,7 +65,7 @@ private:
     std::unique_ptr<MainLoop::Source> m_terminate;
     std::unique_ptr<MainLoop::Source> m_interrupt;
     // Declared last, gone first: no process callback runs once these are
-    // destroyed, and the rings and the wake-up above outlive them.
+    // destroyed, and the rings above outlive them.
     std::unique_ptr<PipeWireConnection> m_pipewire;
     std::unique_ptr<DeviceStream> m_speaker;
     std::unique_ptr<DeviceStream> m_microphone;

@@ -16,17 +16,7 @@ MainLoop::Source::~Source()
     }
 }
 
-void MainLoop::Source::Signal()
-{
-    pw_loop_signal_event(m_loop, m_source);
-}
-
 void MainLoop::Source::OnIo(void* data, int, uint32_t)
-{
-    static_cast<Source*>(data)->m_callback();
-}
-
-void MainLoop::Source::OnEvent(void* data, uint64_t)
 {
     static_cast<Source*>(data)->m_callback();
 }
@@ -74,13 +64,6 @@ std::unique_ptr<MainLoop::Source> MainLoop::AddTimer(int intervalMs, std::functi
     interval.tv_nsec = static_cast<long>(intervalMs % 1000) * 1000000L;
     pw_loop_update_timer(Loop(), source->m_source, &interval, &interval, false);
     return source;
-}
-
-std::unique_ptr<MainLoop::Source> MainLoop::AddEvent(std::function<void()> callback)
-{
-    std::unique_ptr<Source> source(new Source(Loop(), std::move(callback)));
-    source->m_source = pw_loop_add_event(Loop(), &Source::OnEvent, source.get());
-    return source->m_source ? std::move(source) : nullptr;
 }
 
 std::unique_ptr<MainLoop::Source> MainLoop::AddSignal(int signalNumber,

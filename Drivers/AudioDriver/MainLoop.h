@@ -1,11 +1,10 @@
 #pragma once
 
-// The driver's main loop: PipeWire's own, with the sockets, timers, signals
-// and the wake-up from the real-time thread hung on it as sources. Every
-// callback runs on the thread inside Run.
+// The driver's main loop: PipeWire's own, with the sockets, timers and
+// signals hung on it as sources. Every callback runs on the thread inside
+// Run.
 //
-// Threads: made, run and torn down on the main thread; Source::Signal of an
-// event source alone may be called from any thread (it writes an eventfd).
+// Threads: made, run and torn down on the main thread.
 
 #include <pipewire/main-loop.h>
 
@@ -27,10 +26,6 @@ public:
         Source(const Source&) = delete;
         Source& operator=(const Source&) = delete;
 
-        // Runs the callback of an event source once soon on the loop's
-        // thread; calls made before it runs fold into one. Any thread.
-        void Signal();
-
     private:
         friend class MainLoop;
         Source(pw_loop* loop, std::function<void()> callback)
@@ -39,7 +34,6 @@ public:
         }
 
         static void OnIo(void* data, int fd, uint32_t mask);
-        static void OnEvent(void* data, uint64_t count);
         static void OnTimer(void* data, uint64_t expirations);
         static void OnSignal(void* data, int signalNumber);
 
@@ -59,7 +53,6 @@ public:
     // Each returns null when PipeWire can't make the source.
     std::unique_ptr<Source> AddReadable(int fd, std::function<void()> callback);
     std::unique_ptr<Source> AddTimer(int intervalMs, std::function<void()> callback);
-    std::unique_ptr<Source> AddEvent(std::function<void()> callback);
     // The signal must be blocked in every thread (main blocks it first).
     std::unique_ptr<Source> AddSignal(int signalNumber, std::function<void()> callback);
 
