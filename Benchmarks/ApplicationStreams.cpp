@@ -1,7 +1,5 @@
 #include "Benchmarks/ApplicationStreams.h"
-
-#include <spa/param/audio/format-utils.h>
-#include <spa/pod/builder.h>
+#include "Benchmarks/StereoFormat.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,17 +9,6 @@
 namespace velorane::bench {
 
 namespace {
-
-const spa_pod* Format(spa_pod_builder* builder)
-{
-    spa_audio_info_raw info{};
-    info.format = SPA_AUDIO_FORMAT_S16_LE;
-    info.rate = 48000;
-    info.channels = 2;
-    info.position[0] = SPA_AUDIO_CHANNEL_FL;
-    info.position[1] = SPA_AUDIO_CHANNEL_FR;
-    return spa_format_audio_raw_build(builder, SPA_PARAM_EnumFormat, &info);
-}
 
 pw_stream* Connect(pw_core* core, const char* name, const char* target, bool playback,
                    pw_stream_events* events, spa_hook* listener, void* data)
@@ -37,7 +24,7 @@ pw_stream* Connect(pw_core* core, const char* name, const char* target, bool pla
     uint8_t buffer[1024];
     spa_pod_builder builder;
     spa_pod_builder_init(&builder, buffer, sizeof(buffer));
-    const spa_pod* params[1] = {Format(&builder)};
+    const spa_pod* params[1] = {StereoFormat(&builder)};
     pw_stream_connect(stream, playback ? PW_DIRECTION_OUTPUT : PW_DIRECTION_INPUT, PW_ID_ANY,
                       static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
                                                    PW_STREAM_FLAG_MAP_BUFFERS |

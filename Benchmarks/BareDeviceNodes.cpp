@@ -1,7 +1,7 @@
 #include "Benchmarks/BareDeviceNodes.h"
+#include "Benchmarks/StereoFormat.h"
 
 #include <pipewire/pipewire.h>
-#include <spa/param/audio/format-utils.h>
 #include <spa/pod/builder.h>
 
 #include <csignal>
@@ -60,13 +60,7 @@ bool Connect(pw_core* core, Node& node, const pw_stream_events* events)
     uint8_t buffer[1024];
     spa_pod_builder builder;
     spa_pod_builder_init(&builder, buffer, sizeof(buffer));
-    spa_audio_info_raw info{};
-    info.format = SPA_AUDIO_FORMAT_S16_LE;
-    info.rate = 48000;
-    info.channels = 2;
-    info.position[0] = SPA_AUDIO_CHANNEL_FL;
-    info.position[1] = SPA_AUDIO_CHANNEL_FR;
-    const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
+    const spa_pod* params[1] = {StereoFormat(&builder)};
     return pw_stream_connect(
                node.stream, node.sink ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
                static_cast<pw_stream_flags>(PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS),
