@@ -30,6 +30,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -259,6 +260,8 @@ int main(int argc, char** argv)
         std::this_thread::sleep_for(1s);
 
         // Both ways, with a click each way every 250 ms.
+        std::mt19937 random(static_cast<unsigned>(round));
+        std::uniform_int_distribution<int> jitter(0, 9999);
         std::vector<double> speaker;
         std::vector<double> microphone;
         size_t clicks = 0;
@@ -279,7 +282,10 @@ int main(int argc, char** argv)
             if (toApplication >= 0) {
                 microphone.push_back(toApplication);
             }
-            std::this_thread::sleep_until(start + clicks * 250ms);
+            // A random part of 10 ms on top, so that the clicks fall at
+            // every point of the driver's 10 ms send timer.
+            std::this_thread::sleep_until(start + clicks * 250ms +
+                                          std::chrono::microseconds(jitter(random)));
         }
         const double elapsed =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
