@@ -108,7 +108,7 @@ cleanup() {
     done
     [[ -n "$kyr_pid" ]] && kill "$kyr_pid" 2>/dev/null
     [[ -n "$paplay_pid" ]] && kill "$paplay_pid" 2>/dev/null
-    [[ -n "$parec_pid" ]] && kill -INT "$parec_pid" 2>/dev/null
+    [[ -n "$parec_pid" ]] && kill "$parec_pid" 2>/dev/null
     [[ -n "$driver_pid" ]] && kill "$driver_pid" 2>/dev/null
     for pid in $sleep_pid $client_pid $kyr_pid $paplay_pid $parec_pid $driver_pid; do
         wait "$pid" 2>/dev/null
@@ -289,9 +289,9 @@ client_pid=""
 relay_pids=""
 echo "demo: relay exited with code $status (output in $logs/)"
 if [[ "$audio" -eq 1 ]]; then
-    kill "$paplay_pid" 2>/dev/null || true
-    # parec writes what it has when it is interrupted.
-    kill -INT "$parec_pid" 2>/dev/null || true
+    # parec ends cleanly on SIGTERM (a background job of a script ignores
+    # SIGINT), having written what it recorded.
+    kill "$paplay_pid" "$parec_pid" 2>/dev/null || true
     kill "$driver_pid" 2>/dev/null || true
     for pid in $paplay_pid $parec_pid $driver_pid; do
         wait "$pid" 2>/dev/null || true
