@@ -35,7 +35,7 @@ int AudioDriver::Run()
         return 1;
     }
     m_loop.Run();
-    LogCounters();
+    LogCounters(true);
     return m_exitCode;
 }
 
@@ -84,6 +84,7 @@ bool AudioDriver::Start()
         },
         [this] { m_jitterBuffer.Reset(); });
     m_link->Announce();
+    m_lastFaults = Faults();
     VLOG(EGroupValueInformation, "Nodes \"%s\" and \"%s\" made, cycle %d frames%s",
          kSpeakerDescription, kMicrophoneDescription, m_options.latencyFrames,
          m_options.noSessionManager ? ", ports set up by the nodes" : "");
@@ -134,26 +135,31 @@ void AudioDriver::OnSecond()
         m_link->BindMissing();
     }
     if (++m_seconds % kCounterSeconds == 0) {
-        LogCounters();
+        LogCounters(false);
     }
 }
 
-void AudioDriver::LogCounters()
+std::string AudioDriver::Faults() const
 {
     const MicrophoneJitterBuffer::Counters& jitter = m_jitterBuffer.GetCounters();
-    const std::string counters =
-        "speaker datagrams " + std::to_string(m_sender.Datagrams()) + ", speaker frames dropped " +
-        std::to_string(m_speakerRing.Dropped()) + "; microphone datagrams " +
-        std::to_string(jitter.datagrams) + ", late " + std::to_string(jitter.lateDatagrams) +
-        ", frames lost " + std::to_string(jitter.lostFrames) + ", restarts " +
-        std::to_string(jitter.restarts) + ", underruns " +
-        std::to_string(m_microphonePlayout.Underruns()) + ", frames skipped " +
-        std::to_string(m_microphonePlayout.Skipped()) + ", frames dropped " +
-        std::to_string(m_microphoneRing.Dropped());
-    if (counters != m_lastCounters) {
-        m_lastCounters = counters;
-        VLOG(EGroupValueInformation, "Counters: %s", counters.c_str());
+    return "speaker frames dropped " + std::to_string(m_speakerRing.Dropped()) + "; late " +
+           std::to_string(jitter.lateDatagrams) + ", frames lost " +
+           std::to_string(jitter.lostFrames) + ", restarts " + std::to_string(jitter.restarts) +
+           ", underruns " + std::to_string(m_microphonePlayout.Underruns()) + ", frames skipped " +
+           std::to_string(m_microphonePlayout.Skipped()) + ", frames dropped " +
+           std::to_string(m_microphoneRing.Dropped());
+}
+
+void AudioDriver::LogCounters(bool always)
+{
+    const std::string faults = Faults();
+    if (!always && faults == m_lastFaults) {
+        return;
     }
+    m_lastFaults = faults;
+    VLOG(EGroupValueInformation, "Counters: speaker datagrams %llu, microphone datagrams %llu; %s",
+         static_cast<unsigned long long>(m_sender.Datagrams()),
+         static_cast<unsigned long long>(m_jitterBuffer.GetCounters().datagrams), faults.c_str());
 }
 
 } // namespace quorvan::velorane::audiodriver

@@ -49,7 +49,12 @@ private:
     void SendSpeaker(size_t minimumFrames);
     void OnTick();
     void OnSecond();
-    void LogCounters();
+    // Every 10 s when something went wrong since, and at the end.
+    // The counters of what went wrong, as text.
+    std::string Faults() const;
+    // Every 10 s when something went wrong since the last time, and at the
+    // end.
+    void LogCounters(bool always);
 
     DriverOptions m_options;
     MainLoop m_loop;
@@ -72,7 +77,7 @@ private:
 
     int m_exitCode = 0;
     int m_seconds = 0;
-    std::string m_lastCounters;
+    std::string m_lastFaults;
 };
 
 } // namespace quorvan::velorane::audiodriver
