@@ -19,6 +19,7 @@
 #include "Benchmarks/ApplicationStreams.h"
 #include "Benchmarks/BareDeviceNodes.h"
 #include "Benchmarks/BenchStats.h"
+#include "Benchmarks/RelayStandIn.h"
 #include "Tests/Support/AudioDriverScene.h"
 #include "Tests/Support/AudioUdpPeer.h"
 
@@ -37,13 +38,11 @@
 
 using velorane::bench::ApplicationStreams;
 using velorane::bench::Quantile;
+using velorane::bench::RelayStandIn;
 using namespace velorane::test;
 using namespace std::chrono_literals;
 
 namespace {
-
-constexpr int kMicrophoneFrames = 864;
-constexpr auto kMicrophonePeriod = 18ms;
 
 // CPU time of one thread, in seconds.
 double ThreadCpu(pid_t pid, pid_t tid)
@@ -74,107 +73,6 @@ double ProcessCpu(pid_t pid)
     }
     return total;
 }
-
-// The relay's side: takes speaker datagrams, notes when one carries a
-// click; sends microphone datagrams at the relay's pace, with a click when
-// asked, and notes when it went.
-class RelayStandIn
-{
-public:
-    explicit RelayStandIn(int base) : m_base(base), m_speaker(base + 8) {}
-    ~RelayStandIn() { Stop(); }
-
-    bool Bound() const { return m_speaker.Bound(); }
-
-    void Start()
-    {
-        m_running = true;
-        m_receiver = std::thread([this] { Receive(); });
-        m_sender = std::thread([this] { Send(); });
-    }
-    void Stop()
-    {
-        m_running = false;
-        for (std::thread* thread : {&m_receiver, &m_sender}) {
-            if (thread->joinable()) {
-                thread->join();
-            }
-        }
-    }
-    void SetSending(bool sending) { m_sending = sending; }
-
-    int64_t LastClickArrived() const { return m_arrived.load(); }
-    // The next microphone datagram carries a click; returns when it went.
-    int64_t SendClick()
-    {
-        m_sent = 0;
-        m_clickWanted = true;
-        const int64_t deadline = ApplicationStreams::NowNs() + 1000000000;
-        while (m_sent.load() == 0 && ApplicationStreams::NowNs() < deadline) {
-            std::this_thread::sleep_for(200us);
-        }
-        return m_sent.load();
-    }
-
-private:
-    void Receive()
-    {
-        std::vector<uint8_t> datagram;
-        while (m_running) {
-            if (!m_speaker.Receive(datagram, 50ms) || datagram.empty() || datagram[0] != 2) {
-                continue;
-            }
-            const int64_t now = ApplicationStreams::NowNs();
-            for (size_t at = 9; at + 4 <= datagram.size(); at += 4) {
-                const auto left = static_cast<int16_t>((datagram[at] << 8) | datagram[at + 1]);
-                if (left == ApplicationStreams::kClick) {
-                    m_arrived = now;
-                    break;
-                }
-            }
-        }
-    }
-
-    void Send()
-    {
-        AudioUdpPeer socket;
-        uint64_t stamp = 0;
-        auto next = std::chrono::steady_clock::now();
-        while (m_running) {
-            std::this_thread::sleep_until(next);
-            next += kMicrophonePeriod;
-            if (!m_sending) {
-                continue;
-            }
-            std::vector<uint8_t> datagram(8 + 4 * kMicrophoneFrames, 0);
-            for (int i = 0; i < 8; ++i) {
-                datagram[static_cast<size_t>(i)] = static_cast<uint8_t>(stamp >> (56 - 8 * i));
-            }
-            const bool click = m_clickWanted.exchange(false);
-            if (click) {
-                for (size_t at = 8; at < 12; at += 2) {
-                    datagram[at] = static_cast<uint8_t>(ApplicationStreams::kClick >> 8);
-                    datagram[at + 1] = static_cast<uint8_t>(ApplicationStreams::kClick & 0xFF);
-                }
-            }
-            socket.SendTo(m_base + 7, datagram);
-            if (click) {
-                m_sent = ApplicationStreams::NowNs();
-            }
-            stamp += kMicrophoneFrames;
-        }
-    }
-
-    int m_base;
-    AudioUdpPeer m_speaker;
-    std::atomic<bool> m_running{false};
-    std::atomic<bool> m_sending{true};
-    std::atomic<bool> m_clickWanted{false};
-    std::atomic<int64_t> m_arrived{0};
-    std::atomic<int64_t> m_sent{0};
-    std::thread m_receiver;
-    std::thread m_sender;
-};
 
 std::string LoadAverage()
 {
