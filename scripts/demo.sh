@@ -214,16 +214,17 @@ if [[ "$audio" -eq 1 ]]; then
     source scripts/lib/pipewire.sh
     velorane_start_pipewire "$tmp/pipewire"
     echo "demo: a private headless PipeWire runs in $tmp/pipewire"
-    velorane_pw "$bin/VeloraneAudioDriver" --base-port "$base" \
-        >"$logs/audio-driver.out" 2>&1 &
-    driver_pid=$!
+    velorane_pw_spawn "$logs/audio-driver.out" "$logs/audio-driver.err" \
+        "$bin/VeloraneAudioDriver" --base-port "$base"
+    driver_pid="$VELORANE_PW_STARTED"
     velorane_pw_wait_for pactl get-source-volume velorane-microphone || {
         echo "demo: the audio driver didn't start (see $logs/audio-driver.out)" >&2
         exit 1
     }
-    velorane_pw parec --device=velorane-microphone --format=s16le --rate=48000 --channels=2 \
-        --raw --latency-msec=20 >"$tmp/microphone.raw" 2>"$logs/parec.err" &
-    parec_pid=$!
+    velorane_pw_spawn "$tmp/microphone.raw" "$logs/parec.err" parec \
+        --device=velorane-microphone --format=s16le --rate=48000 --channels=2 --raw \
+        --latency-msec=20
+    parec_pid="$VELORANE_PW_STARTED"
     echo "demo: VeloraneAudioDriver made \"Velorane Speaker\" and \"Velorane Microphone\"; parec records the microphone"
 else
     "$bin/driver-sim" --kyr-port "$base" --tone 1000 --tone-seconds "$seconds" \
@@ -265,8 +266,8 @@ if [[ "$audio" -eq 1 ]]; then
     done
     tone_seconds=$((seconds > 3 ? seconds - 2 : 1))
     sox -q -n -r 48000 -c 2 -b 16 "$tmp/tone.wav" synth "$tone_seconds" sine 1000 vol 0.3
-    velorane_pw paplay --device=velorane-speaker "$tmp/tone.wav" 2>"$logs/paplay.err" &
-    paplay_pid=$!
+    velorane_pw_spawn /dev/null "$logs/paplay.err" paplay --device=velorane-speaker "$tmp/tone.wav"
+    paplay_pid="$VELORANE_PW_STARTED"
     echo "demo: paplay plays a 1 kHz tone into \"Velorane Speaker\" for $tone_seconds s"
 fi
 
