@@ -19,6 +19,10 @@ constexpr auto kPoll = std::chrono::milliseconds(20);
 HeadlessPipeWire::HeadlessPipeWire()
 {
     ::mkdir(m_dir.File("run").c_str(), 0700);
+    // pipewire-pulse makes run/pulse unless it is there, and gives up if
+    // it appears in between: a pactl asking whether it is up yet makes it
+    // too. Made here first, nobody races.
+    ::mkdir(m_dir.File("run/pulse").c_str(), 0700);
     fs::create_directories(m_dir.File("home"));
     fs::create_directories(m_dir.File("state"));
     fs::create_directories(m_dir.File("config"));

@@ -64,7 +64,10 @@ velorane_pw_wait_for() {
 velorane_start_pipewire() {
     VELORANE_PW_DIR="$1"
     mkdir -p "$1/config" "$1/state" "$1/home"
-    mkdir -m 700 "$1/run"
+    # pipewire-pulse makes run/pulse unless it is there, and gives up if it
+    # appears in between (a pactl asking whether it is up yet makes it
+    # too): made here first, nobody races.
+    mkdir -m 700 "$1/run" "$1/run/pulse"
     cp -r "$VELORANE_PW_LIB/headless-wireplumber" "$1/config/wireplumber"
     velorane_pw_spawn "$1/pipewire.out" "$1/pipewire.err" pipewire
     VELORANE_PW_PIDS=("$VELORANE_PW_STARTED")
