@@ -36,12 +36,15 @@ std::vector<std::string> RelayArguments(int base)
 }
 
 // The 1 kHz tone at amplitude 10000, as kyr-sim decoded it in one
-// connection: past Opus' start-up, at its level, without a gap.
+// connection: past Opus' start-up, at its level, without a gap. Its
+// frequency is taken a quarter second at a time: on a loaded machine the
+// graph may drop a whole cycle of what paplay plays, which shifts the
+// tone's phase once but not its pitch.
 void ExpectTone(const std::vector<int16_t>& decoded, const std::string& what)
 {
     const std::vector<int16_t> heard = Audible(decoded);
     ASSERT_GE(heard.size(), 48000u) << what;
-    EXPECT_NEAR(Frequency(heard, 4800), 1000.0, 2.0) << what;
+    EXPECT_NEAR(MedianFrequency(heard, 4800), 1000.0, 2.0) << what;
     EXPECT_NEAR(RmsDb(heard, 4800), 20 * std::log10(10000 / std::sqrt(2.0)), 1.0) << what;
     EXPECT_LE(LongestSilence(heard, 4800), 480u) << what;
 }
@@ -163,7 +166,7 @@ TEST_F(AudioDriverEndToEndTest, PlayedToneReachesTheKyrAndTheKyrsMicrophoneIsRec
     ASSERT_GE(recorded.size(), 48000u * 3) << recorded.size();
     const std::vector<int16_t> unbroken = LongestUnbroken(recorded, 48);
     ASSERT_GE(unbroken.size(), 48000u / 2) << unbroken.size();
-    EXPECT_NEAR(Frequency(unbroken, 0), 440.0, 2.0);
+    EXPECT_NEAR(MedianFrequency(unbroken, 0), 440.0, 2.0);
     EXPECT_NEAR(RmsDb(unbroken, 0), 20 * std::log10(8000 / std::sqrt(2.0)), 1.0);
 
     EXPECT_GE(CountLogLines(scene.LogText(), kInformation, "Start Audio"), 2u);

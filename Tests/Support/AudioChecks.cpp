@@ -54,6 +54,22 @@ double Frequency(const std::vector<int16_t>& samples, size_t first)
     return (crossings - 1) * 48000.0 / (lastCrossing - firstCrossing);
 }
 
+double MedianFrequency(const std::vector<int16_t>& samples, size_t first)
+{
+    constexpr size_t kWindow = 12000;
+    std::vector<double> frequencies;
+    for (size_t at = first; at + kWindow <= samples.size(); at += kWindow) {
+        const std::vector<int16_t> window(samples.begin() + static_cast<long>(at),
+                                          samples.begin() + static_cast<long>(at + kWindow));
+        frequencies.push_back(Frequency(window, 0));
+    }
+    if (frequencies.empty()) {
+        return Frequency(samples, first);
+    }
+    std::sort(frequencies.begin(), frequencies.end());
+    return frequencies[frequencies.size() / 2];
+}
+
 double RmsDb(const std::vector<int16_t>& samples, size_t first)
 {
     double sum = 0;

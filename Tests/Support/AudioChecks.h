@@ -18,6 +18,10 @@ std::vector<int16_t> LeftChannel(const std::string& path, size_t headerBytes = 4
 // The tone's frequency from its rising zero crossings from first on, in Hz,
 // each placed where the line between its two samples meets zero.
 double Frequency(const std::vector<int16_t>& samples, size_t first);
+// The median of the frequencies of the quarter seconds from first on: a
+// graph cycle dropped under load (a jump in the tone's phase) moves one of
+// them, not the answer.
+double MedianFrequency(const std::vector<int16_t>& samples, size_t first);
 // The level from first on, in dB of a 16-bit sample.
 double RmsDb(const std::vector<int16_t>& samples, size_t first);
 // The longest run of samples within a whisper of silence (under 200), from
