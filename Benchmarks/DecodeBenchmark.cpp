@@ -63,11 +63,11 @@ namespace {
 
 using namespace quorvan;
 using velorane::bench::BareDecoder;
+using velorane::bench::MachineLoad;
 using velorane::bench::OwnCpuSeconds;
+using velorane::bench::PlaneCopy;
 using velorane::bench::Quantile;
 using velorane::bench::ThreadCpuSeconds;
-using velorane::bench::MachineLoad;
-using velorane::bench::PlaneCopy;
 using Clock = std::chrono::steady_clock;
 
 struct Options

@@ -118,8 +118,8 @@ public:
     {
         m_pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
         m_sink = std::make_shared<CountingFileSink>(folder + "/spdlog.log");
-        m_logger = std::make_shared<spdlog::async_logger>(
-            "bench", m_sink, m_pool, spdlog::async_overflow_policy::block);
+        m_logger = std::make_shared<spdlog::async_logger>("bench", m_sink, m_pool,
+                                                          spdlog::async_overflow_policy::block);
         // The same columns as our file store writes.
         m_logger->set_pattern("%m/%d/%Y %H:%M:%S.%e\t%t\t* Information *\t%!\t%v\t%s\t%#");
         m_logger->set_level(spdlog::level::info);
@@ -295,8 +295,7 @@ int main(int argc, char** argv)
                 "(target <= 2.00)\n",
                 enabled, spdEnabled, spdEnabled > 0 ? enabled / spdEnabled : 0.0);
     std::printf("  sustained lines per second:    %.0f, spdlog async %.0f, ratio %.2f\n",
-                sustained > 0 ? 1e9 / sustained : 0.0,
-                spdSustained > 0 ? 1e9 / spdSustained : 0.0,
+                sustained > 0 ? 1e9 / sustained : 0.0, spdSustained > 0 ? 1e9 / spdSustained : 0.0,
                 sustained > 0 && spdSustained > 0 ? spdSustained / sustained : 0.0);
     std::printf("  lines posted/found (ours):     %llu/%llu%s\n",
                 static_cast<unsigned long long>(g_linesPosted),

@@ -78,11 +78,11 @@ using namespace quorvan::velorane;
 using quorvan::velorane::relay::RelayConfig;
 using quorvan::velorane::relay::RelayWindow;
 using ::velorane::bench::BareDecoder;
+using ::velorane::bench::MachineLoad;
 using ::velorane::bench::OwnCpuSeconds;
 using ::velorane::bench::ProcessCpuSeconds;
 using ::velorane::bench::Quantile;
 using ::velorane::bench::ThreadCpuSeconds;
-using ::velorane::bench::MachineLoad;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kPassword[] = "benchmark";

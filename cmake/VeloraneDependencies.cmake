@@ -33,9 +33,12 @@ velorane_require_module(LIBAVUTIL libavutil libavutil-dev)
 velorane_require_module(LIBUSB libusb-1.0 libusb-1.0-0-dev)
 velorane_require_module(OPUS opus libopus-dev)
 
+velorane_require_module(PIPEWIRE libpipewire-0.3 libpipewire-0.3-dev)
+# The relay and the audio driver parse their command lines with CLI11.
+velorane_require_package(CLI11 libcli11-dev CONFIG)
+
 if(VELORANE_QT)
     velorane_require_package(Qt5 qtbase5-dev COMPONENTS Core Network Widgets Gui Test)
-    velorane_require_package(CLI11 libcli11-dev CONFIG)
     # The virtual display program makes its monitor with XRandR 1.5.
     velorane_require_module(X11 x11 libx11-dev)
     velorane_require_module(XRANDR xrandr libxrandr-dev)

@@ -5,13 +5,16 @@
 # window. driver-sim plays the local audio driver: its 1 kHz tone goes
 # through the relay to kyr-sim, which writes what it heard to
 # DIR/demo-audio.wav, and kyr-sim's 440 Hz microphone tone comes back to
-# driver-sim, which writes it to DIR/demo-microphone.wav. With a DISPLAY the window stays up for 30 s; without one the demo
-# runs for about 6 s on a private Xvfb and saves a screenshot.
+# driver-sim, which writes it to DIR/demo-microphone.wav. With --audio the
+# real audio driver takes driver-sim's place on a private headless PipeWire:
+# paplay plays the tone into "Velorane Speaker" and parec records "Velorane
+# Microphone". With a DISPLAY the window stays up for 30 s; without one the
+# demo runs for about 6 s on a private Xvfb and saves a screenshot.
 set -euo pipefail
 
 usage() {
     cat <<'EOF'
-usage: scripts/demo.sh [--seconds N] [--build-dir DIR]
+usage: scripts/demo.sh [--seconds N] [--build-dir DIR] [--audio]
 
 Installs the packages, builds the tree, then runs kyr-sim, client-sim and
 the relay together: the relay pulls a moving test picture from kyr-sim and
@@ -20,12 +23,16 @@ shows it in its window.
   --seconds N      how long the relay runs (default 30 with a DISPLAY,
                    6 without one)
   --build-dir DIR  build tree to use (default build)
+  --audio          the whole audio chain with the real driver: a private
+                   headless PipeWire, VeloraneAudioDriver, paplay of a
+                   1 kHz tone into "Velorane Speaker", parec from "Velorane
+                   Microphone" (instead of driver-sim)
 
 Without DISPLAY a private Xvfb is started and a screenshot of its whole
 screen is saved to DIR/demo.png while the relay runs. The speaker audio
 kyr-sim heard is saved to DIR/demo-audio.wav and the microphone audio the
-driver got to DIR/demo-microphone.wav. The programs' output goes to
-DIR/demo-logs/.
+driver got (or, with --audio, parec recorded) to DIR/demo-microphone.wav.
+The programs' output goes to DIR/demo-logs/.
 EOF
 }
 
@@ -34,6 +41,7 @@ cd "$root"
 
 seconds=""
 build="build"
+audio=0
 while [[ $# -gt 0 ]]; do
     case "$1" in
     --seconds)
@@ -51,6 +59,10 @@ while [[ $# -gt 0 ]]; do
         }
         build="$2"
         shift 2
+        ;;
+    --audio)
+        audio=1
+        shift
         ;;
     -h | --help)
         usage
@@ -70,6 +82,8 @@ client_pid=""
 driver_pid=""
 relay_pids=""
 sleep_pid=""
+paplay_pid=""
+parec_pid=""
 
 # A pause that a trapped signal interrupts at once (a foreground sleep would
 # hold the trap back until it ends).
@@ -93,10 +107,15 @@ cleanup() {
         kill "$pid" 2>/dev/null
     done
     [[ -n "$kyr_pid" ]] && kill "$kyr_pid" 2>/dev/null
+    [[ -n "$paplay_pid" ]] && kill "$paplay_pid" 2>/dev/null
+    [[ -n "$parec_pid" ]] && kill "$parec_pid" 2>/dev/null
     [[ -n "$driver_pid" ]] && kill "$driver_pid" 2>/dev/null
-    for pid in $sleep_pid $client_pid $kyr_pid $driver_pid; do
+    for pid in $sleep_pid $client_pid $kyr_pid $paplay_pid $parec_pid $driver_pid; do
         wait "$pid" 2>/dev/null
     done
+    if declare -F velorane_stop_pipewire >/dev/null; then
+        velorane_stop_pipewire
+    fi
     for pid in $relay_pids; do
         # The relay is client-sim's child, not ours: poll, then insist.
         for _ in $(seq 50); do
@@ -124,7 +143,9 @@ cmake -S . -B "$build" -G Ninja
 cmake --build "$build"
 
 bin="$build/bin"
-for program in kyr-sim client-sim driver-sim velorane-relay screen-grab; do
+programs=(kyr-sim client-sim driver-sim velorane-relay screen-grab)
+[[ "$audio" -eq 1 ]] && programs+=(VeloraneAudioDriver)
+for program in "${programs[@]}"; do
     [[ -x "$bin/$program" ]] || {
         echo "demo: $bin/$program was not built" >&2
         exit 1
@@ -186,22 +207,42 @@ done
 echo "demo: kyr-sim serves the test picture on 127.0.0.1:$((base + 3))"
 
 # The audio driver's control port is 9002 on every machine; when something
-# else holds it the demo goes on without audio.
-"$bin/driver-sim" --kyr-port "$base" --tone 1000 --tone-seconds "$seconds" \
-    --record "$logs/driver-sim.record" --mic-wav "$build/demo-microphone.wav" \
-    --time-limit $((seconds + 30)) >"$logs/driver-sim.out" 2>"$logs/driver-sim.err" &
-driver_pid=$!
-for _ in $(seq 50); do
-    grep -q "driver-sim: ready" "$logs/driver-sim.out" && break
-    kill -0 "$driver_pid" 2>/dev/null || break
-    sleep 0.1
-done
-if grep -q "driver-sim: ready" "$logs/driver-sim.out"; then
-    echo "demo: driver-sim plays a 1 kHz tone into the relay"
+# else holds it the demo goes on without audio (driver-sim), or the driver
+# goes on with the base port it was given (--audio).
+if [[ "$audio" -eq 1 ]]; then
+    # shellcheck source=lib/pipewire.sh
+    source scripts/lib/pipewire.sh
+    velorane_start_pipewire "$tmp/pipewire"
+    echo "demo: a private headless PipeWire runs in $tmp/pipewire"
+    velorane_pw_spawn "$logs/audio-driver.out" "$logs/audio-driver.err" \
+        "$bin/VeloraneAudioDriver" --base-port "$base"
+    driver_pid="$VELORANE_PW_STARTED"
+    velorane_pw_wait_for pactl get-source-volume velorane-microphone || {
+        echo "demo: the audio driver didn't start (see $logs/audio-driver.out)" >&2
+        exit 1
+    }
+    velorane_pw_spawn "$tmp/microphone.raw" "$logs/parec.err" parec \
+        --device=velorane-microphone --format=s16le --rate=48000 --channels=2 --raw \
+        --latency-msec=20
+    parec_pid="$VELORANE_PW_STARTED"
+    echo "demo: VeloraneAudioDriver made \"Velorane Speaker\" and \"Velorane Microphone\"; parec records the microphone"
 else
-    echo "demo: driver-sim didn't start, no audio this time (see $logs/driver-sim.err)" >&2
-    wait "$driver_pid" 2>/dev/null || true
-    driver_pid=""
+    "$bin/driver-sim" --kyr-port "$base" --tone 1000 --tone-seconds "$seconds" \
+        --record "$logs/driver-sim.record" --mic-wav "$build/demo-microphone.wav" \
+        --time-limit $((seconds + 30)) >"$logs/driver-sim.out" 2>"$logs/driver-sim.err" &
+    driver_pid=$!
+    for _ in $(seq 50); do
+        grep -q "driver-sim: ready" "$logs/driver-sim.out" && break
+        kill -0 "$driver_pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if grep -q "driver-sim: ready" "$logs/driver-sim.out"; then
+        echo "demo: driver-sim plays a 1 kHz tone into the relay"
+    else
+        echo "demo: driver-sim didn't start, no audio this time (see $logs/driver-sim.err)" >&2
+        wait "$driver_pid" 2>/dev/null || true
+        driver_pid=""
+    fi
 fi
 
 # A private TMPDIR holds this run's VELORANE_RELAY socket.
@@ -214,6 +255,21 @@ TMPDIR="$tmp/run" "$bin/client-sim" --record "$logs/client-sim.record" \
     --relayPassword "$password" --name "Velorane demo" \
     >"$logs/client-sim.out" 2>"$logs/client-sim.err" &
 client_pid=$!
+
+if [[ "$audio" -eq 1 ]]; then
+    # Once the relay has named itself to the driver, a tone a little shorter
+    # than the run goes into "Velorane Speaker" the way any application
+    # plays.
+    for _ in $(seq 150); do
+        grep -q "Relay at base port $base" "$logs/audio-driver.out" && break
+        sleep 0.1
+    done
+    tone_seconds=$((seconds > 3 ? seconds - 2 : 1))
+    sox -q -n -r 48000 -c 2 -b 16 "$tmp/tone.wav" synth "$tone_seconds" sine 1000 vol 0.3
+    velorane_pw_spawn /dev/null "$logs/paplay.err" paplay --device=velorane-speaker "$tmp/tone.wav"
+    paplay_pid="$VELORANE_PW_STARTED"
+    echo "demo: paplay plays a 1 kHz tone into \"Velorane Speaker\" for $tone_seconds s"
+fi
 
 if [[ "$headless" -eq 1 ]]; then
     # Leave the relay time to connect and paint, then grab the screen while
@@ -233,7 +289,23 @@ wait "$client_pid" || status=$?
 client_pid=""
 relay_pids=""
 echo "demo: relay exited with code $status (output in $logs/)"
-if [[ -n "$driver_pid" ]]; then
+if [[ "$audio" -eq 1 ]]; then
+    # parec ends cleanly on SIGTERM (a background job of a script ignores
+    # SIGINT), having written what it recorded.
+    kill "$paplay_pid" "$parec_pid" 2>/dev/null || true
+    kill "$driver_pid" 2>/dev/null || true
+    for pid in $paplay_pid $parec_pid $driver_pid; do
+        wait "$pid" 2>/dev/null || true
+    done
+    paplay_pid=""
+    parec_pid=""
+    driver_pid=""
+    velorane_stop_pipewire
+    sox -q -t raw -r 48000 -e signed -b 16 -c 2 "$tmp/microphone.raw" "$build/demo-microphone.wav"
+    packets=$(grep -c "^speaker stamp=" "$logs/kyr-sim.record" || true)
+    echo "demo: kyr-sim heard $packets speaker packets from the driver; it wrote what it heard to $build/demo-audio.wav"
+    echo "demo: parec recorded the Kyr's microphone from \"Velorane Microphone\" in $build/demo-microphone.wav"
+elif [[ -n "$driver_pid" ]]; then
     # driver-sim writes its microphone WAV out when it is told to stop.
     kill "$driver_pid" 2>/dev/null || true
     wait "$driver_pid" 2>/dev/null || true

@@ -16,6 +16,7 @@ PACKAGES=(
     libx11-dev libxrandr-dev libxcb1-dev libxcb-randr0-dev
     xvfb xauth x11-utils x11-xserver-utils libgl1-mesa-dri
     umockdev libumockdev-dev
+    pipewire-bin wireplumber pipewire-pulse pulseaudio-utils libpipewire-0.3-dev sox
     openssl ca-certificates
     clang-14 libclang-rt-14-dev iproute2
 )

@@ -5,7 +5,7 @@
 #include "Clients/Conference/Linux/DisplayEnvironment.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
-#include "Common/Logger/Linux/Src/LinuxDebugStore.h"
+#include "Common/Logger/Linux/Src/ProgramLogging.h"
 #include "Common/Logger/Src/FileStore.h"
 #include "Common/Logger/Src/Logger.h"
 #include "Common/Logger/Src/QtDebugLoggerStore.h"
@@ -43,26 +43,8 @@ void RegisterMetaTypes()
 CRefCountPtr<FileStore> StartLogging()
 {
     DirectoryUtil::CheckForAltUsername("ALLUSERS");
-    const std::string logDirectory =
-        DirectoryUtil::DataDirectory("Quorvan", "Velorane", "Client/Logs", true, true);
-
-    CRefCountPtr<ILogStore> fileStore;
-    CreateFileStore("VeloraneConference", logDirectory, 0xa00000, &fileStore);
-    CRefCountPtr<ILogStore> nativeStore;
-    CreateNativeOsStore(&nativeStore);
-
-    CRefCountPtr<ILogger> logger;
-    GetLoggerInstance(&logger);
-    logger->AddStore(fileStore);
-    logger->AddStore(nativeStore);
-    logger->SetLevel(0);
+    CRefCountPtr<FileStore> writer = StartProgramLogging("VeloraneConference");
     LoggerCreateQtDebuggerLoggerStore();
-
-    // The logger keeps its own references to the stores.
-    CRefCountPtr<FileStore> writer(dynamic_cast<FileStore*>(fileStore.Get()));
-    if (writer) {
-        writer->AddRef();
-    }
     return writer;
 }
 

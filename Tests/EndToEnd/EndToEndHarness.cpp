@@ -281,6 +281,27 @@ size_t CountRecords(const std::vector<std::string>& records, const std::string& 
     return count;
 }
 
+std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
+                                    const std::string& prefix)
+{
+    std::vector<std::string> found;
+    for (const auto& record : records) {
+        if (record.rfind(prefix, 0) == 0) {
+            found.push_back(record);
+        }
+    }
+    return found;
+}
+
+long long Field(const std::string& record, const std::string& name)
+{
+    const size_t at = record.find(" " + name + "=");
+    if (at == std::string::npos) {
+        return -1;
+    }
+    return std::strtoll(record.c_str() + at + name.size() + 2, nullptr, 10);
+}
+
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -108,6 +108,10 @@ std::vector<LogFileLine> ParseLogFile(const std::string& text);
 size_t CountLogLines(const std::string& log, const std::string& group, const std::string& message);
 // Records that begin with prefix.
 size_t CountRecords(const std::vector<std::string>& records, const std::string& prefix);
+std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
+                                    const std::string& prefix);
+// The number behind " name=" in a record line, or -1.
+long long Field(const std::string& record, const std::string& name);
 // Asks done() every 50 ms until it holds or the time is up.
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 std::string Hex(const std::string& bytes);

@@ -2,6 +2,7 @@
 // relay, and kyr-sim's audio service, all real processes on real sockets.
 
 #include "Tests/EndToEnd/EndToEndHarness.h"
+#include "Tests/Support/AudioChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -17,85 +18,6 @@ using namespace std::chrono_literals;
 namespace {
 
 const std::string kInformation = "* Information *";
-
-// The numbers behind "name=" in a record line, or -1.
-long long Field(const std::string& record, const std::string& name)
-{
-    const size_t at = record.find(" " + name + "=");
-    if (at == std::string::npos) {
-        return -1;
-    }
-    return std::strtoll(record.c_str() + at + name.size() + 2, nullptr, 10);
-}
-
-std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
-                                    const std::string& prefix)
-{
-    std::vector<std::string> found;
-    for (const auto& record : records) {
-        if (record.rfind(prefix, 0) == 0) {
-            found.push_back(record);
-        }
-    }
-    return found;
-}
-
-// The left channel of a 16-bit stereo WAV file as the emulators write it
-// (a 44-byte header, then the samples).
-std::vector<int16_t> LeftChannel(const std::string& path)
-{
-    const std::string bytes = ReadFile(path);
-    std::vector<int16_t> left;
-    for (size_t at = 44; at + 4 <= bytes.size(); at += 4) {
-        left.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[at]) |
-                                            (static_cast<uint8_t>(bytes[at + 1]) << 8)));
-    }
-    return left;
-}
-
-// The tone's frequency from its rising zero crossings, in Hz, each placed
-// where the line between its two samples meets zero.
-double Frequency(const std::vector<int16_t>& samples, size_t first)
-{
-    double firstCrossing = -1;
-    double lastCrossing = -1;
-    int crossings = 0;
-    for (size_t i = first + 1; i < samples.size(); ++i) {
-        if (samples[i - 1] < 0 && samples[i] >= 0) {
-            const double at = double(i - 1) + -samples[i - 1] / double(samples[i] - samples[i - 1]);
-            if (crossings == 0) {
-                firstCrossing = at;
-            }
-            lastCrossing = at;
-            ++crossings;
-        }
-    }
-    if (crossings < 2) {
-        return 0;
-    }
-    return (crossings - 1) * 48000.0 / (lastCrossing - firstCrossing);
-}
-
-double RmsDb(const std::vector<int16_t>& samples, size_t first)
-{
-    double sum = 0;
-    for (size_t i = first; i < samples.size(); ++i) {
-        sum += double(samples[i]) * samples[i];
-    }
-    return 10 * std::log10(sum / double(samples.size() - first));
-}
-
-// The longest run of samples within a whisper of silence, from first on.
-size_t LongestSilence(const std::vector<int16_t>& samples, size_t first)
-{
-    size_t longest = 0;
-    size_t run = 0;
-    for (size_t i = first; i < samples.size(); ++i) {
-        run = std::abs(samples[i]) < 200 ? run + 1 : 0;
-        longest = std::max(longest, run);
-    }
-    return longest;
-}
 
 class RelayAudioEndToEndTest : public ::testing::Test
 {

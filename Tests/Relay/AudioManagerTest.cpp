@@ -3,8 +3,8 @@
 // microphone responses to datagrams, the Kyr's address and the goodbye.
 
 #include "Clients/Conference/RelayAudioManager.h"
-#include "Tests/Relay/AudioUdpPeer.h"
 #include "Tests/Relay/UnitQtApp.h"
+#include "Tests/Support/AudioUdpPeer.h"
 #include "Tests/Support/CapturingLogStore.h"
 
 #include "Common/Platform/Src/Time.h"

@@ -1,4 +1,4 @@
-#include "Tests/Relay/AudioUdpPeer.h"
+#include "Tests/Support/AudioUdpPeer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
