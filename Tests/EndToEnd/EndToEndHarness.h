@@ -43,6 +43,15 @@ public:
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
     bool StartKyr(int basePort, const std::vector<std::string>& extra = {});
+    // Whether umockdev's preload library is installed, which the Kyr on an
+    // emulated USB device needs.
+    static bool UsbEmulationAvailable();
+    // Starts kyr-sim as the Kyr on a USB device that umockdev emulates
+    // (--usb, recording to kyr.rec) and points the scene's processes started
+    // after it at its testbed: UMOCKDEV_DIR, and umockdev's preload library
+    // behind AddressSanitizer's runtime when this test has it. Returns false
+    // when it didn't come up.
+    bool StartUsbKyr(const std::vector<std::string>& extra = {});
     // Starts client-sim with its script; relay arguments follow "--" when
     // given. Waits until it listens.
     bool StartClient(const std::vector<std::string>& sends,

@@ -11,10 +11,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace simcommon {
 
 namespace {
+
+constexpr unsigned char kEndpointOut = 0x02;
+constexpr unsigned char kEndpointIn = 0x81;
 
 std::string HexByte(unsigned value)
 {
@@ -49,6 +53,18 @@ void Complete(UMockdevIoctlClient* client, long result, int error)
     umockdev_ioctl_client_complete(client, result, error);
 }
 
+usbdevfs_urb* UrbOf(UMockdevIoctlData* data)
+{
+    return reinterpret_cast<usbdevfs_urb*>(data->data);
+}
+
+// The device number of a node such as /dev/bus/usb/001/002.
+int NumberOf(const char* devnode)
+{
+    const char* slash = devnode ? std::strrchr(devnode, '/') : nullptr;
+    return slash ? std::atoi(slash + 1) : -1;
+}
+
 } // namespace
 
 EmulatedUsbDevice::EmulatedUsbDevice()
@@ -60,16 +76,21 @@ EmulatedUsbDevice::EmulatedUsbDevice()
 
 EmulatedUsbDevice::~EmulatedUsbDevice()
 {
+    // No call may reach this object any more, then what it holds goes.
+    g_signal_handlers_disconnect_by_data(m_handler, this);
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        for (UMockdevIoctlData* data : m_reapable) {
-            umockdev_ioctl_data_unref(data);
+        for (auto& [ioctlClient, client] : m_clients) {
+            g_signal_handler_disconnect(ioctlClient, client.notifyId);
+            for (Urb& urb : client.waitingIn) {
+                Release(urb);
+            }
+            for (UMockdevIoctlData* data : client.reapable) {
+                umockdev_ioctl_data_unref(data);
+            }
+            g_object_unref(ioctlClient);
         }
-        for (UMockdevIoctlData* data : m_waitingIn) {
-            umockdev_ioctl_data_unref(data);
-        }
-        m_reapable.clear();
-        m_waitingIn.clear();
+        m_clients.clear();
     }
     g_clear_object(&m_handler);
     g_clear_object(&m_testbed);
@@ -81,8 +102,41 @@ bool EmulatedUsbDevice::InMockEnvironment()
     return preload && std::strstr(preload, "libumockdev-preload") != nullptr;
 }
 
+std::string EmulatedUsbDevice::PreloadValue()
+{
+    std::string value;
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (value.empty() && std::getline(maps, line)) {
+        const size_t at = line.find('/');
+        if (at != std::string::npos && line.find("/libasan.so") != std::string::npos) {
+            value = line.substr(at) + ":";
+        }
+    }
+    value += "libumockdev-preload.so.0";
+    const char* before = std::getenv("LD_PRELOAD");
+    if (before && *before) {
+        value += std::string(":") + before;
+    }
+    return value;
+}
+
+std::string EmulatedUsbDevice::Directory() const
+{
+    gchar* root = umockdev_testbed_get_root_dir(m_testbed);
+    std::string directory = root ? root : "";
+    g_free(root);
+    return directory;
+}
+
 void EmulatedUsbDevice::Plug(uint16_t vendor, uint16_t product, int number)
 {
+    {
+        std::lock_guard<std::mutex> hold(m_lock);
+        if (m_plugged.count(number) != 0) {
+            return;
+        }
+    }
     char node[64];
     std::snprintf(node, sizeof(node), "/dev/bus/usb/001/%03d", number);
     if (std::find(m_attached.begin(), m_attached.end(), number) == m_attached.end()) {
@@ -108,26 +162,79 @@ void EmulatedUsbDevice::Plug(uint16_t vendor, uint16_t product, int number)
                   Descriptors(vendor, product).c_str());
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        m_unplugged = false;
+        auto plugging = std::make_shared<Plugging>();
+        plugging->number = number;
+        m_plugged[number] = plugging;
     }
     umockdev_testbed_add_from_string(m_testbed, description, nullptr);
 }
 
 void EmulatedUsbDevice::Unplug(int number)
 {
-    char path[64];
-    std::snprintf(path, sizeof(path), "/sys/devices/usb1/1-%d", number);
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        m_unplugged = true;
+        if (m_plugged.count(number) == 0) {
+            return;
+        }
+        PullLocked(number);
     }
+    char path[64];
+    std::snprintf(path, sizeof(path), "/sys/devices/usb1/1-%d", number);
     umockdev_testbed_uevent(m_testbed, path, "remove");
     umockdev_testbed_remove_device(m_testbed, path);
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_plugged.erase(number);
+}
+
+void EmulatedUsbDevice::Pull(int number)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    PullLocked(number);
+}
+
+void EmulatedUsbDevice::PullLocked(int number)
+{
+    const auto plugged = m_plugged.find(number);
+    if (plugged == m_plugged.end() || plugged->second->pulled) {
+        return;
+    }
+    plugged->second->pulled = true;
+    // What the device still had to send is gone with it. URBs in flight are
+    // given back as the kernel does at a disconnect: with -ESHUTDOWN, still
+    // to be reaped (libusb waits for that, and the node gives no poll error).
+    m_answers.clear();
+    m_shortOut = -1;
+    for (auto& [ioctlClient, client] : m_clients) {
+        if (client.plugging != plugged->second) {
+            continue;
+        }
+        for (Urb& urb : client.waitingIn) {
+            UrbOf(urb.urb)->status = -ESHUTDOWN;
+            UrbOf(urb.urb)->actual_length = 0;
+            client.reapable.push_back(urb.urb);
+            if (urb.buffer) {
+                umockdev_ioctl_data_unref(urb.buffer);
+            }
+        }
+        client.waitingIn.clear();
+    }
 }
 
 void EmulatedUsbDevice::QueueAnswer(std::vector<uint8_t> answer)
 {
     std::lock_guard<std::mutex> hold(m_lock);
+    for (auto& [ioctlClient, client] : m_clients) {
+        if (!client.waitingIn.empty() && !client.plugging->pulled) {
+            Urb urb = client.waitingIn.front();
+            client.waitingIn.pop_front();
+            FillIn(urb, answer);
+            client.reapable.push_back(urb.urb);
+            if (urb.buffer) {
+                umockdev_ioctl_data_unref(urb.buffer);
+            }
+            return;
+        }
+    }
     m_answers.push_back(std::move(answer));
 }
 
@@ -143,6 +250,12 @@ void EmulatedUsbDevice::SetOutHandler(OutHandler handler)
     m_outHandler = std::move(handler);
 }
 
+void EmulatedUsbDevice::SetInWaitingHandler(InWaitingHandler handler)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_inWaitingHandler = std::move(handler);
+}
+
 void EmulatedUsbDevice::KeepOutTransfers(bool keep)
 {
     std::lock_guard<std::mutex> hold(m_lock);
@@ -155,10 +268,44 @@ std::vector<std::vector<uint8_t>> EmulatedUsbDevice::OutTransfers() const
     return m_outs;
 }
 
+size_t EmulatedUsbDevice::InTransfersWaiting() const
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    size_t waiting = 0;
+    for (const auto& [ioctlClient, client] : m_clients) {
+        waiting += client.waitingIn.size();
+    }
+    return waiting;
+}
+
 std::vector<std::string> EmulatedUsbDevice::UnknownRequests() const
 {
     std::lock_guard<std::mutex> hold(m_lock);
     return m_unknown;
+}
+
+void EmulatedUsbDevice::FillIn(const Urb& urb, const std::vector<uint8_t>& answer)
+{
+    usbdevfs_urb* fields = UrbOf(urb.urb);
+    const size_t room = urb.buffer ? std::min(static_cast<size_t>(fields->buffer_length),
+                                              static_cast<size_t>(urb.buffer->data_len))
+                                   : 0;
+    const size_t fits = std::min(answer.size(), room);
+    if (fits > 0) {
+        std::memcpy(urb.buffer->data, answer.data(), fits);
+    }
+    fields->actual_length = static_cast<int>(fits);
+    // More than the transfer holds: the host controller reports babble.
+    fields->status = answer.size() > static_cast<size_t>(fields->buffer_length) ? -EOVERFLOW : 0;
+}
+
+void EmulatedUsbDevice::Release(Urb& urb)
+{
+    if (urb.buffer) {
+        umockdev_ioctl_data_unref(urb.buffer);
+    }
+    umockdev_ioctl_data_unref(urb.urb);
+    urb = Urb();
 }
 
 int EmulatedUsbDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
@@ -166,17 +313,75 @@ int EmulatedUsbDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, 
     return static_cast<EmulatedUsbDevice*>(self)->HandleIoctl(client) ? TRUE : FALSE;
 }
 
-bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
+void EmulatedUsbDevice::OnClientNotify(void* client, void*, void* self)
 {
-    const unsigned long request = umockdev_ioctl_client_get_request(client);
-    UMockdevIoctlData* argument = umockdev_ioctl_client_get_arg(client);
-    std::lock_guard<std::mutex> hold(m_lock);
-    if (m_unplugged) {
-        Complete(client, -1, ENODEV);
-        return true;
+    auto* ioctlClient = static_cast<UMockdevIoctlClient*>(client);
+    if (!umockdev_ioctl_client_get_connected(ioctlClient)) {
+        static_cast<EmulatedUsbDevice*>(self)->ForgetClient(ioctlClient);
     }
+}
+
+EmulatedUsbDevice::Client& EmulatedUsbDevice::ClientFor(UMockdevIoctlClient* ioctlClient)
+{
+    const auto known = m_clients.find(ioctlClient);
+    if (known != m_clients.end()) {
+        return known->second;
+    }
+    Client& client = m_clients[ioctlClient];
+    client.client = ioctlClient;
+    g_object_ref(ioctlClient);
+    // The file closed (its program may have ended): what it left goes.
+    // umockdev 0.17 never emits client-vanished, but notifies this.
+    client.notifyId = g_signal_connect(ioctlClient, "notify::connected",
+                                       G_CALLBACK(&EmulatedUsbDevice::OnClientNotify), this);
+    const auto plugged = m_plugged.find(NumberOf(umockdev_ioctl_client_get_devnode(ioctlClient)));
+    if (plugged != m_plugged.end()) {
+        client.plugging = plugged->second;
+    } else {
+        client.plugging = std::make_shared<Plugging>();
+        client.plugging->pulled = true;
+    }
+    return client;
+}
+
+void EmulatedUsbDevice::ForgetClient(UMockdevIoctlClient* ioctlClient)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    const auto known = m_clients.find(ioctlClient);
+    if (known == m_clients.end()) {
+        return;
+    }
+    Client& client = known->second;
+    g_signal_handler_disconnect(ioctlClient, client.notifyId);
+    for (Urb& urb : client.waitingIn) {
+        Release(urb);
+    }
+    for (UMockdevIoctlData* data : client.reapable) {
+        umockdev_ioctl_data_unref(data);
+    }
+    m_clients.erase(known);
+    g_object_unref(ioctlClient);
+}
+
+bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* ioctlClient)
+{
+    const unsigned long request = umockdev_ioctl_client_get_request(ioctlClient);
+    UMockdevIoctlData* argument = umockdev_ioctl_client_get_arg(ioctlClient);
+    std::lock_guard<std::mutex> hold(m_lock);
+    Client& client = ClientFor(ioctlClient);
+    const bool pulled = client.plugging->pulled;
     switch (request) {
+    case USBDEVFS_REAPURB:
+    case USBDEVFS_REAPURBNDELAY:
+        // Allowed after a disconnect, as USBDEVFS_CAP_REAP_AFTER_DISCONNECT
+        // promises.
+        Reap(client, ioctlClient, argument);
+        return true;
     case USBDEVFS_GET_CAPABILITIES: {
+        if (pulled) {
+            Complete(ioctlClient, -1, ENODEV);
+            return true;
+        }
         // With scatter-gather libusb submits each transfer as one URB, as it
         // does on today's kernels; without it, it would cut large ones into
         // 16 KiB URBs.
@@ -187,7 +392,7 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
             USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT |
             USBDEVFS_CAP_ZERO_PACKET;
         umockdev_ioctl_data_unref(data);
-        Complete(client, 0, 0);
+        Complete(ioctlClient, 0, 0);
         return true;
     }
     case USBDEVFS_CLAIMINTERFACE:
@@ -196,91 +401,159 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
     case USBDEVFS_CLEAR_HALT:
     case USBDEVFS_RESET:
     case USBDEVFS_RESETEP:
-        Complete(client, 0, 0);
+        Complete(ioctlClient, pulled ? -1 : 0, pulled ? ENODEV : 0);
         return true;
     case USBDEVFS_GETDRIVER:
-        Complete(client, -1, ENODATA);
+        Complete(ioctlClient, -1, pulled ? ENODEV : ENODATA);
         return true;
-    case USBDEVFS_SUBMITURB: {
-        UMockdevIoctlData* urbData =
-            umockdev_ioctl_data_resolve(argument, 0, sizeof(usbdevfs_urb), nullptr);
-        auto* urb = reinterpret_cast<usbdevfs_urb*>(urbData->data);
-        UMockdevIoctlData* buffer =
-            umockdev_ioctl_data_resolve(urbData, offsetof(usbdevfs_urb, buffer),
-                                        static_cast<gsize>(urb->buffer_length), nullptr);
-        if (urb->endpoint & 0x80) {
-            if (!m_answers.empty()) {
-                const std::vector<uint8_t> answer = std::move(m_answers.front());
-                m_answers.pop_front();
-                const size_t fits =
-                    std::min(answer.size(), static_cast<size_t>(urb->buffer_length));
-                if (fits > 0) {
-                    std::memcpy(buffer->data, answer.data(), fits);
-                }
-                urb->actual_length = static_cast<int>(fits);
-                urb->status = answer.size() > fits ? -EOVERFLOW : 0;
-                m_reapable.push_back(urbData);
-            } else {
-                m_waitingIn.push_back(urbData);
+    case USBDEVFS_SUBMITURB:
+        if (pulled) {
+            Complete(ioctlClient, -1, ENODEV);
+        } else {
+            SubmitUrb(client, ioctlClient, argument);
+        }
+        return true;
+    case USBDEVFS_DISCARDURB:
+        if (pulled) {
+            // The kernel gave every URB back at the disconnect: libusb then
+            // takes the URB for reapable, and it is.
+            Complete(ioctlClient, -1, ENODEV);
+        } else {
+            Discard(client, ioctlClient, argument);
+        }
+        return true;
+    default: {
+        // A libusb that issues an ioctl this device doesn't know must fail
+        // loudly, not be answered at random.
+        char text[32];
+        std::snprintf(text, sizeof(text), "0x%08lx", request);
+        m_unknown.push_back(text);
+        std::fprintf(stderr, "emulated USB device: unknown ioctl %s, failed with ENOTTY\n", text);
+        Complete(ioctlClient, -1, ENOTTY);
+        return true;
+    }
+    }
+}
+
+void EmulatedUsbDevice::SubmitUrb(Client& client, UMockdevIoctlClient* ioctlClient,
+                                  UMockdevIoctlData* argument)
+{
+    UMockdevIoctlData* urbData =
+        umockdev_ioctl_data_resolve(argument, 0, sizeof(usbdevfs_urb), nullptr);
+    usbdevfs_urb* urb = UrbOf(urbData);
+    if (urb->type != USBDEVFS_URB_TYPE_BULK ||
+        (urb->endpoint != kEndpointOut && urb->endpoint != kEndpointIn) || urb->buffer_length < 0) {
+        // No such endpoint on this device.
+        umockdev_ioctl_data_unref(urbData);
+        Complete(ioctlClient, -1, ENOENT);
+        return;
+    }
+    const size_t length = static_cast<size_t>(urb->buffer_length);
+    if (urb->endpoint == kEndpointIn) {
+        Urb in;
+        in.urb = urbData;
+        if (!m_answers.empty()) {
+            const std::vector<uint8_t> answer = std::move(m_answers.front());
+            m_answers.pop_front();
+            // Only what the answer fills is read from the program and
+            // written back.
+            const size_t touched = std::min(answer.size(), length);
+            in.buffer = touched > 0 ? umockdev_ioctl_data_resolve(
+                                          urbData, offsetof(usbdevfs_urb, buffer), touched, nullptr)
+                                    : nullptr;
+            FillIn(in, answer);
+            client.reapable.push_back(urbData);
+            if (in.buffer) {
+                umockdev_ioctl_data_unref(in.buffer);
             }
         } else {
-            const int length =
-                m_shortOut >= 0 ? std::min(m_shortOut, urb->buffer_length) : urb->buffer_length;
-            m_shortOut = -1;
-            const auto* bytes = static_cast<const uint8_t*>(buffer->data);
-            std::vector<uint8_t> out(bytes, bytes + length);
-            if (m_outHandler) {
-                for (auto& answer : m_outHandler(out)) {
-                    m_answers.push_back(std::move(answer));
-                }
+            // Kept whole for an answer that comes later.
+            in.buffer = length > 0 ? umockdev_ioctl_data_resolve(
+                                         urbData, offsetof(usbdevfs_urb, buffer), length, nullptr)
+                                   : nullptr;
+            client.waitingIn.push_back(in);
+            if (m_inWaitingHandler) {
+                m_inWaitingHandler();
             }
-            if (m_keepOuts) {
-                m_outs.push_back(std::move(out));
-            }
-            urb->actual_length = length;
-            urb->status = 0;
-            m_reapable.push_back(urbData);
         }
+        Complete(ioctlClient, 0, 0);
+        return;
+    }
+
+    UMockdevIoctlData* buffer =
+        length > 0
+            ? umockdev_ioctl_data_resolve(urbData, offsetof(usbdevfs_urb, buffer), length, nullptr)
+            : nullptr;
+    const auto* bytes = buffer ? static_cast<const uint8_t*>(buffer->data) : nullptr;
+    const std::vector<uint8_t> out(bytes, bytes + (bytes ? length : 0));
+    OutReply reply;
+    if (m_outHandler) {
+        reply = m_outHandler(out);
+    }
+    size_t taken = length;
+    if (m_shortOut >= 0) {
+        taken = std::min(taken, static_cast<size_t>(m_shortOut));
+        m_shortOut = -1;
+    }
+    if (reply.acceptBytes >= 0) {
+        taken = std::min(taken, static_cast<size_t>(reply.acceptBytes));
+    }
+    for (auto& answer : reply.answers) {
+        m_answers.push_back(std::move(answer));
+    }
+    if (m_keepOuts) {
+        m_outs.emplace_back(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(taken));
+    }
+    urb->actual_length = static_cast<int>(taken);
+    urb->status = 0;
+    client.reapable.push_back(urbData);
+    if (buffer) {
         umockdev_ioctl_data_unref(buffer);
-        Complete(client, 0, 0);
-        return true;
     }
-    case USBDEVFS_REAPURB:
-    case USBDEVFS_REAPURBNDELAY: {
-        if (m_reapable.empty()) {
-            Complete(client, -1, EAGAIN);
-            return true;
-        }
-        UMockdevIoctlData* urbData = m_reapable.front();
-        m_reapable.pop_front();
-        UMockdevIoctlData* pointer =
-            umockdev_ioctl_data_resolve(argument, 0, sizeof(gpointer), nullptr);
-        umockdev_ioctl_data_set_ptr(pointer, 0, urbData);
-        umockdev_ioctl_data_unref(pointer);
-        umockdev_ioctl_data_unref(urbData);
-        Complete(client, 0, 0);
-        return true;
+    Complete(ioctlClient, 0, 0);
+    if (reply.pullAfter) {
+        PullLocked(client.plugging->number);
     }
-    case USBDEVFS_DISCARDURB: {
-        const gulong address = reinterpret_cast<gulong>(*reinterpret_cast<void**>(argument->data));
-        auto waiting = std::find_if(
-            m_waitingIn.begin(), m_waitingIn.end(),
-            [address](UMockdevIoctlData* data) { return data->client_addr == address; });
-        if (waiting == m_waitingIn.end()) {
-            Complete(client, -1, EINVAL);
-            return true;
-        }
-        // Given up on by libusb after its time-out: reaped as cancelled.
-        reinterpret_cast<usbdevfs_urb*>((*waiting)->data)->status = -ENOENT;
-        m_reapable.push_back(*waiting);
-        m_waitingIn.erase(waiting);
-        Complete(client, 0, 0);
-        return true;
+}
+
+void EmulatedUsbDevice::Reap(Client& client, UMockdevIoctlClient* ioctlClient,
+                             UMockdevIoctlData* argument)
+{
+    if (client.reapable.empty()) {
+        Complete(ioctlClient, -1, client.plugging->pulled ? ENODEV : EAGAIN);
+        return;
     }
-    default:
-        m_unknown.push_back(std::to_string(request));
-        return false;
+    UMockdevIoctlData* urbData = client.reapable.front();
+    client.reapable.pop_front();
+    UMockdevIoctlData* pointer =
+        umockdev_ioctl_data_resolve(argument, 0, sizeof(gpointer), nullptr);
+    umockdev_ioctl_data_set_ptr(pointer, 0, urbData);
+    umockdev_ioctl_data_unref(pointer);
+    umockdev_ioctl_data_unref(urbData);
+    Complete(ioctlClient, 0, 0);
+}
+
+void EmulatedUsbDevice::Discard(Client& client, UMockdevIoctlClient* ioctlClient,
+                                UMockdevIoctlData* argument)
+{
+    const gulong address = reinterpret_cast<gulong>(*reinterpret_cast<void**>(argument->data));
+    const auto waiting =
+        std::find_if(client.waitingIn.begin(), client.waitingIn.end(),
+                     [address](const Urb& urb) { return urb.urb->client_addr == address; });
+    if (waiting == client.waitingIn.end()) {
+        // Completed already: libusb reaps it as it is.
+        Complete(ioctlClient, -1, EINVAL);
+        return;
     }
+    // Given up on by libusb after its time-out: reaped as cancelled.
+    UrbOf(waiting->urb)->status = -ENOENT;
+    UrbOf(waiting->urb)->actual_length = 0;
+    client.reapable.push_back(waiting->urb);
+    if (waiting->buffer) {
+        umockdev_ioctl_data_unref(waiting->buffer);
+    }
+    client.waitingIn.erase(waiting);
+    Complete(ioctlClient, 0, 0);
 }
 
 } // namespace simcommon
