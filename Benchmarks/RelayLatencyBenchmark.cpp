@@ -78,11 +78,11 @@ using namespace quorvan::velorane;
 using quorvan::velorane::relay::RelayConfig;
 using quorvan::velorane::relay::RelayWindow;
 using ::velorane::bench::BareDecoder;
+using ::velorane::bench::MachineLoad;
 using ::velorane::bench::OwnCpuSeconds;
 using ::velorane::bench::ProcessCpuSeconds;
 using ::velorane::bench::Quantile;
 using ::velorane::bench::ThreadCpuSeconds;
-using ::velorane::bench::MachineLoad;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kPassword[] = "benchmark";
@@ -191,28 +191,6 @@ public:
     }
 };
 
-// User and system time of another process, in seconds.
-double ChildCpuSeconds(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    // The fields after the command name, which is in parentheses.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    long long user = 0;
-    long long system = 0;
-    for (int index = 3; fields >> field; ++index) {
-        if (index == 14) {
-            user = std::atoll(field.c_str());
-        } else if (index == 15) {
-            system = std::atoll(field.c_str());
-            break;
-        }
-    }
-    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 // A field of /proc/self/status in kB.
 long StatusKb(const char* name)
 {
@@ -245,7 +223,7 @@ struct Snapshot
         snapshot.gui = ThreadCpuSeconds(getpid());
         snapshot.transport = ThreadCpuSeconds(g_timeline.transportThread.load());
         snapshot.decoder = ThreadCpuSeconds(g_timeline.decoderThread.load());
-        snapshot.kyr = ChildCpuSeconds(kyr);
+        snapshot.kyr = ::velorane::test::CpuSecondsOf(kyr);
         return snapshot;
     }
 };

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <future>
 #include <memory>
@@ -297,4 +298,33 @@ TEST_F(UsbUtilitiesTest, DeviceGoneWhileTheInWaitsEndsItWithNoDevice)
                   [&] { return usb.SendBinary(request, 12, response, 64, 2000, 5000); }, &took),
               LIBUSB_ERROR_NO_DEVICE);
     EXPECT_TRUE(m_device->OutTransfers().size() == 1u);
+}
+
+// With the Kyr open and the hot-plug watch running but nothing to send,
+// libusb's event loop sleeps: the device node says it has a URB to reap
+// only when it has. (A node that always looked ready made the watch's
+// thread spin at about half a processor.)
+TEST_F(UsbUtilitiesTest, IdleWithTheKyrOpenTakesAlmostNoCpu)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    ASSERT_EQ(usb.Register([](int) {}), 0);
+    ASSERT_EQ(usb.Connect(), 1);
+    // One exchange first, so that reaping has happened and is over.
+    m_device->QueueAnswer({1, 2, 3});
+    unsigned char request[12] = {};
+    unsigned char response[8] = {};
+    ASSERT_EQ(usb.SendBinary(request, 12, response, 8, 2000, 2000), 3);
+    const auto cpu = [] {
+        timespec now{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+    };
+    const double before = cpu();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const double used = cpu() - before;
+    // Generous: this takes about 1 ms, a loaded sanitizer build more; with
+    // a device node that always polls ready it took about 800 ms.
+    EXPECT_LT(used, 200.0) << "ms of CPU in 2 s of idling";
+    usb.Unregister();
 }

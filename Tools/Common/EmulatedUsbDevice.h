@@ -8,6 +8,10 @@
 // talks to the device must run under umockdev's preload library, and the
 // testbed must exist before its libusb_init.
 //
+// The device node is a FIFO that polls ready only while a URB waits to be
+// reaped, as a usbfs node does, so that libusb's event loop sleeps while
+// nothing happens.
+//
 // Unplugging behaves as the kernel's usbfs does: URBs in flight complete
 // with -ESHUTDOWN and can still be reaped, and every other ioctl on a file
 // opened before the unplug fails with ENODEV, also once the device is
@@ -16,6 +20,8 @@
 // Threads: the ioctl handler runs on the testbed's worker thread; the
 // owner's threads plug, unplug, queue answers and read records; m_lock
 // guards what they share.
+
+#include "Tools/Common/UsbNodeFifo.h"
 
 #include <cstdint>
 #include <deque>
@@ -30,6 +36,7 @@ typedef struct _UMockdevTestbed UMockdevTestbed;
 typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
+struct usbdevfs_urb;
 
 namespace simcommon {
 
@@ -108,6 +115,9 @@ private:
     {
         int number = 0;
         bool pulled = false;
+        // The device node: ready to poll while a file of this plugging has
+        // a URB to reap.
+        UsbNodeFifo node;
     };
     // One open file of the device, a client of the ioctl handler.
     struct Client
@@ -128,6 +138,9 @@ private:
     Client& ClientFor(UMockdevIoctlClient* ioctlClient);
     void ForgetClient(UMockdevIoctlClient* ioctlClient);
     void PullLocked(int number);
+    void MakeReapable(Client& client, UMockdevIoctlData* urb);
+    void UpdateReady(Plugging& plugging);
+    static usbdevfs_urb* UrbOf(UMockdevIoctlData* data);
     static void FillIn(const Urb& urb, const std::vector<uint8_t>& answer);
     static void Release(Urb& urb);
 
