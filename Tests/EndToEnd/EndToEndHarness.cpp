@@ -124,16 +124,16 @@ bool EndToEndScene::UsbEmulationAvailable()
     return std::ifstream("/usr/lib/x86_64-linux-gnu/libumockdev-preload.so.0").good();
 }
 
-bool EndToEndScene::StartUsbKyr(const std::vector<std::string>& extra)
+bool EndToEndScene::StartUsbKyr(const std::vector<std::string>& extra, const std::string& record)
 {
     ChildProcess::Options options;
     options.argv = {BinaryPath("kyr-sim"), "--usb",        "--record",
-                    m_dir.File("kyr.rec"), "--time-limit", "60"};
+                    m_dir.File(record),    "--time-limit", "60"};
     options.argv.insert(options.argv.end(), extra.begin(), extra.end());
     options.environment = Environment();
-    options.outputFile = m_dir.File("kyr.out");
+    options.outputFile = m_dir.File("usb-kyr.out");
     const std::string marker = "kyr-sim: usb testbed ";
-    if (!m_kyr.Start(options) || !m_kyr.WaitForOutput(marker, kStartTimeout)) {
+    if (!m_usbKyr.Start(options) || !m_usbKyr.WaitForOutput(marker, kStartTimeout)) {
         return false;
     }
     // The whole line: the folder ends at its line feed.
@@ -142,7 +142,7 @@ bool EndToEndScene::StartUsbKyr(const std::vector<std::string>& extra)
     size_t end = std::string::npos;
     const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
     while (end == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-        output = m_kyr.Output();
+        output = m_usbKyr.Output();
         at = output.find(marker) + marker.size();
         end = output.find('\n', at);
         if (end == std::string::npos) {

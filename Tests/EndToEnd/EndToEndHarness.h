@@ -47,11 +47,14 @@ public:
     // emulated USB device needs.
     static bool UsbEmulationAvailable();
     // Starts kyr-sim as the Kyr on a USB device that umockdev emulates
-    // (--usb, recording to kyr.rec) and points the scene's processes started
-    // after it at its testbed: UMOCKDEV_DIR, and umockdev's preload library
-    // behind AddressSanitizer's runtime when this test has it. Returns false
-    // when it didn't come up.
-    bool StartUsbKyr(const std::vector<std::string>& extra = {});
+    // (--usb, recording to the scene's file of that name, kyr.rec unless
+    // told) and points the scene's processes started after it at its
+    // testbed: UMOCKDEV_DIR, and umockdev's preload library behind
+    // AddressSanitizer's runtime when this test has it. It is a process of
+    // its own, UsbKyr(), beside a kyr-sim over TLS. Returns false when it
+    // didn't come up.
+    bool StartUsbKyr(const std::vector<std::string>& extra = {},
+                     const std::string& record = "kyr.rec");
     // Starts client-sim with its script; relay arguments follow "--" when
     // given. Waits until it listens.
     bool StartClient(const std::vector<std::string>& sends,
@@ -82,6 +85,7 @@ public:
 
     TempDir& Dir() { return m_dir; }
     ChildProcess& Kyr() { return m_kyr; }
+    ChildProcess& UsbKyr() { return m_usbKyr; }
     ChildProcess& Client() { return m_client; }
     ChildProcess& Relay() { return m_relay; }
     ChildProcess& VirtualDisplay() { return m_virtualDisplay; }
@@ -92,6 +96,7 @@ public:
 private:
     TempDir m_dir;
     ChildProcess m_kyr;
+    ChildProcess m_usbKyr;
     ChildProcess m_client;
     ChildProcess m_relay;
     ChildProcess m_virtualDisplay;

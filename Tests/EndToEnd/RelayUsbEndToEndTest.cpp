@@ -60,8 +60,8 @@ protected:
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.back().message, kEnd);
         // The emulated device knew every ioctl libusb issued.
-        EXPECT_EQ(m_scene.Kyr().Output().find("unknown ioctl"), std::string::npos)
-            << m_scene.Kyr().Output();
+        EXPECT_EQ(m_scene.UsbKyr().Output().find("unknown ioctl"), std::string::npos)
+            << m_scene.UsbKyr().Output();
     }
 
     EndToEndScene m_scene;
@@ -244,4 +244,78 @@ TEST_F(RelayUsbEndToEndTest, RelayIdleWithTheKyrOpenTakesAlmostNoCpu)
     ASSERT_TRUE(m_scene.Relay().WaitForExit(30s, &code)) << m_scene.Relay().Output();
     EXPECT_EQ(code, 0);
     ExpectCleanEnd(m_scene.LogText());
+}
+
+// kyr-sim's device faults, one after the other in one stream, each with the
+// outcome the failure table gives it; the relay stays up through all of
+// them and the pictures go on.
+TEST_F(RelayUsbEndToEndTest, DeviceFaultsEachShowAsTheFailureTableSays)
+{
+    ASSERT_TRUE(m_scene.StartUsbKyr({// six zero-length answers: one whole command fails
+                                     "--usb-empty-at", "4", "--usb-empty-count", "6",
+                                     // an answer 1 s late, inside the 5 s the relay waits
+                                     "--usb-late-at", "12", "--usb-late-ms", "1000",
+                                     // a short OUT transfer of 5 bytes
+                                     "--usb-short-out-at", "14",
+                                     // one answer of 7 bytes
+                                     "--garbage-after", "12", "--garbage-bytes", "7",
+                                     // one attempt that times out
+                                     "--usb-timeout-at", "20",
+                                     // one answer a byte over the 1,048,588 one IN takes
+                                     "--oversized-at", "30", "--oversized-bytes", "1048561"}));
+    ASSERT_TRUE(RunClient({"start-scrape", "wait:9500", "kill"})) << m_scene.Client().Output();
+    const auto kyr = m_scene.KyrRecords();
+    EXPECT_EQ(CountRecords(kyr, "empty"), 6u);
+    EXPECT_EQ(CountRecords(kyr, "late 1000"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "short-out 9945febbf9"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "unanswered"), 1u);
+    EXPECT_GE(CountRecords(kyr, kRequestFrame), 40u);
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, kWarning, "Send failed. command=[0x0000D0F9] bytesReceived=[0]"),
+              1u)
+        << log;
+    EXPECT_EQ(CountLogLines(log, kSevere, "Response received was too small! bytesReceived=[5]"),
+              1u);
+    EXPECT_EQ(CountLogLines(log, kSevere, "Response received was too small! bytesReceived=[7]"),
+              1u);
+    EXPECT_EQ(
+        CountLogLines(log, kSevere, "FAILED: libusb_bulk_transfer: [-7] (LIBUSB_ERROR_TIMEOUT)"),
+        1u);
+    EXPECT_EQ(
+        CountLogLines(log, kSevere, "FAILED: libusb_bulk_transfer: [-8] (LIBUSB_ERROR_OVERFLOW)"),
+        1u);
+    // Each of those was retried or passed over: no other command failed.
+    const auto lines = ParseLogFile(log);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const LogFileLine& line) {
+                                return line.message.rfind("Send failed.", 0) == 0;
+                            }),
+              1);
+    EXPECT_EQ(CountLogLines(log, kInformation, "Device connected!"), 1u);
+    ExpectCleanEnd(log);
+}
+
+// The hot-plug watch runs with -t too: the relay talks TLS to one kyr-sim
+// and logs a Kyr plugged in and pulled out over USB, and nothing else
+// happens with it.
+TEST_F(RelayUsbEndToEndTest, HotPlugIsLoggedAlsoWhenTheLinkIsTls)
+{
+    ASSERT_TRUE(m_scene.StartUsbKyr({"--usb-plug-after", "1500", "--usb-unplug-at", "3000"},
+                                    "usb-kyr.rec"));
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(m_scene.StartKyr(base, {"--password", "secret"}));
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:4000", "kill"},
+                                    {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(base), "--relayPassword", "secret"}));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, kInformation, kPlugged), 1u) << log;
+    EXPECT_EQ(CountLogLines(log, kInformation, kUnplugged), 1u) << log;
+    EXPECT_EQ(CountLogLines(log, kInformation, "Device connected!"), 0u);
+    EXPECT_GE(CountRecords(m_scene.KyrRecords(), kRequestFrame), 15u);
+    const auto usb = ReadLines(m_scene.Dir().File("usb-kyr.rec"));
+    EXPECT_EQ(usb, (std::vector<std::string>{"plugged", "unplugged"}));
+    ExpectCleanEnd(log);
 }

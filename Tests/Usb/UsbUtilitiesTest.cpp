@@ -8,7 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -72,6 +78,15 @@ protected:
         // The testbed before the library's context: it points libusb at
         // the emulated sysfs.
         m_device = std::make_unique<EmulatedUsbDevice>();
+    }
+
+    void TearDown() override
+    {
+        // A libusb that issues an ioctl the emulated device doesn't know
+        // fails here, whatever the test.
+        if (m_device) {
+            EXPECT_EQ(m_device->UnknownRequests(), std::vector<std::string>());
+        }
     }
 
     std::vector<std::string> InformationAndSevere()
@@ -327,4 +342,52 @@ TEST_F(UsbUtilitiesTest, IdleWithTheKyrOpenTakesAlmostNoCpu)
     // a device node that always polls ready it took about 800 ms.
     EXPECT_LT(used, 200.0) << "ms of CPU in 2 s of idling";
     usb.Unregister();
+}
+
+// A refused claim or alternate setting fails Connect with libusb's code,
+// logged, and closes what was opened.
+TEST_F(UsbUtilitiesTest, RefusedClaimOrAlternateSettingFailsConnect)
+{
+    m_device->Plug(kVendor, 0x0301);
+    UsbUtilities usb(kKyrIds);
+    m_device->FailRequest(USBDEVFS_CLAIMINTERFACE, EBUSY);
+    EXPECT_EQ(usb.Connect(), LIBUSB_ERROR_BUSY);
+    EXPECT_FALSE(usb.IsConnected());
+    m_device->FailRequest(USBDEVFS_CLAIMINTERFACE, 0);
+    m_device->FailRequest(USBDEVFS_SETINTERFACE, EINVAL);
+    // libusb reads EINVAL here as an alternate setting it can't find.
+    EXPECT_EQ(usb.Connect(), LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_FALSE(usb.IsConnected());
+    EXPECT_EQ(InformationAndSevere(),
+              (std::vector<std::string>{
+                  "Connecting to vid=[0x7A31] pid=[0x0301]",
+                  "FAILED: libusb_claim_interface: [-6] (LIBUSB_ERROR_BUSY)",
+                  "Disconnecting from vid=[0x7A31] pid=[0x0301]",
+                  "Connecting to vid=[0x7A31] pid=[0x0301]",
+                  "FAILED: libusb_set_interface_alt_setting: [-5] (LIBUSB_ERROR_NOT_FOUND)",
+                  "Disconnecting from vid=[0x7A31] pid=[0x0301]"}));
+    EXPECT_TRUE(m_capture->Contains(EGroupValueSevere,
+                                    "FAILED: libusb_claim_interface: [-6] (LIBUSB_ERROR_BUSY)"));
+    // Refused no more: the next Connect goes through.
+    m_device->FailRequest(USBDEVFS_SETINTERFACE, 0);
+    EXPECT_EQ(usb.Connect(), 1);
+}
+
+// The emulated device answers only the ioctls it knows: any other fails
+// with ENOTTY and is noted, so that a libusb that starts issuing a new one
+// fails these tests instead of being answered at random.
+TEST_F(UsbUtilitiesTest, UnknownIoctlFailsLoudly)
+{
+    m_device->Plug(kVendor, 0x0301);
+    const int node = open("/dev/bus/usb/001/002", O_RDWR | O_CLOEXEC);
+    ASSERT_GE(node, 0);
+    unsigned int speed = 0;
+    EXPECT_EQ(ioctl(node, USBDEVFS_GET_SPEED, &speed), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    close(node);
+    char expected[16];
+    std::snprintf(expected, sizeof(expected), "0x%08lx",
+                  static_cast<unsigned long>(USBDEVFS_GET_SPEED));
+    EXPECT_EQ(m_device->UnknownRequests(), std::vector<std::string>{expected});
+    m_device.reset();
 }

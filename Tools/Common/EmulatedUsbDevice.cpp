@@ -197,6 +197,16 @@ void EmulatedUsbDevice::SetInWaitingHandler(InWaitingHandler handler)
     m_inWaitingHandler = std::move(handler);
 }
 
+void EmulatedUsbDevice::FailRequest(unsigned long request, int error)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    if (error == 0) {
+        m_failures.erase(request);
+    } else {
+        m_failures[request] = error;
+    }
+}
+
 void EmulatedUsbDevice::KeepOutTransfers(bool keep)
 {
     std::lock_guard<std::mutex> hold(m_lock);

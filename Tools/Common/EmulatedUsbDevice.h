@@ -91,6 +91,10 @@ public:
     using InWaitingHandler = std::function<void()>;
     void SetInWaitingHandler(InWaitingHandler handler);
 
+    // Makes every later ioctl with this request fail with this errno, as a
+    // device or kernel that refuses it would (0 takes that back).
+    void FailRequest(unsigned long request, int error);
+
     // Whether OUT transfers are kept for OutTransfers (on by default; a long
     // stream turns it off).
     void KeepOutTransfers(bool keep);
@@ -157,6 +161,7 @@ private:
     // The plugging of each device number now in the testbed.
     std::map<int, std::shared_ptr<Plugging>> m_plugged;
     std::map<UMockdevIoctlClient*, Client> m_clients;
+    std::map<unsigned long, int> m_failures;
     // Device numbers whose node has the handler already: umockdev takes one
     // handler per node for the testbed's life.
     std::vector<int> m_attached;

@@ -144,6 +144,11 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* ioctlClient)
     std::lock_guard<std::mutex> hold(m_lock);
     Client& client = ClientFor(ioctlClient);
     const bool pulled = client.plugging->pulled;
+    const auto failure = m_failures.find(request);
+    if (failure != m_failures.end()) {
+        Complete(ioctlClient, -1, failure->second);
+        return true;
+    }
     switch (request) {
     case USBDEVFS_REAPURB:
     case USBDEVFS_REAPURBNDELAY:
