@@ -260,8 +260,9 @@ TEST_F(RelayPictureEndToEndTest, PulledPictureOverUsbShowsTheTestPattern)
     }
     ASSERT_TRUE(m_scene.StartUsbKyr());
     ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:60000", "kill"},
-                                    {"-m", "--kyrIp", "127.0.0.1", "--relayPort", "7000", "--width",
-                                     std::to_string(kWidth), "--height", std::to_string(kHeight)}));
+                                    {"-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--width", std::to_string(kWidth),
+                                     "--height", std::to_string(kHeight)}));
     const QImage screen = GrabUntilBars(m_scene, m_display.Name(), &m_grabs);
     ASSERT_FALSE(screen.isNull());
     EXPECT_EQ(BarsShown(screen), 8) << m_scene.LogText();

@@ -35,12 +35,20 @@ protected:
         }
     }
 
+    // The relay's arguments in its default mode. Over USB the base port
+    // only places the audio driver's UDP ports (+7, +8): a free one keeps
+    // relays of tests running side by side apart.
+    std::vector<std::string> UsbRelay() const
+    {
+        return {"-m", "--kyrIp", "127.0.0.1", "--relayPort", std::to_string(m_base)};
+    }
+
     // Runs client-sim with its script and the relay in its default mode;
     // true when both ended with 0. The seconds it took go to *took.
     bool RunClient(const std::vector<std::string>& sends, std::chrono::seconds* took = nullptr)
     {
         const auto start = std::chrono::steady_clock::now();
-        if (!m_scene.StartClient(sends, {"-m", "--kyrIp", "127.0.0.1", "--relayPort", "7000"})) {
+        if (!m_scene.StartClient(sends, UsbRelay())) {
             return false;
         }
         int code = -1;
@@ -65,6 +73,7 @@ protected:
     }
 
     EndToEndScene m_scene;
+    int m_base = EndToEndScene::FreeBasePort();
 };
 
 // The records after the last one that equals line.
@@ -97,7 +106,9 @@ TEST_F(RelayUsbEndToEndTest, DefaultModePullsFramesOverUsbWithoutAPassword)
         << log;
     EXPECT_EQ(CountLogLines(log, kInformation, "Device connected!"), 1u);
     EXPECT_EQ(CountLogLines(log, kInformation, "Received ConnectUsb"), 1u);
-    EXPECT_EQ(CountLogLines(log, kInformation, "Start Audio"), 1u);
+    // Audio sharing started with the link (a driver that hears of this relay
+    // on port 9002 may start it once more).
+    EXPECT_GE(CountLogLines(log, kInformation, "Start Audio"), 1u);
     EXPECT_EQ(CountLogLines(log, kInformation, "New relay frame source: Kyr"), 1u);
     EXPECT_EQ(CountLogLines(log, kInformation, "VideoDecoder: software decoder initialized"), 1u);
     EXPECT_EQ(CountLogLines(log, kInformation, "Disconnecting from vid=[0x7A31] pid=[0x0301]"), 1u);
@@ -121,7 +132,7 @@ TEST_F(RelayUsbEndToEndTest, KyrAbsentAtStartCountsAsConnectedAndCommandsFailWit
         << m_scene.Client().Output();
     const std::string log = m_scene.LogText();
     // Counted as connected: the link's start went on as if a Kyr were there.
-    EXPECT_EQ(CountLogLines(log, kInformation, "Start Audio"), 1u) << log;
+    EXPECT_GE(CountLogLines(log, kInformation, "Start Audio"), 1u) << log;
     EXPECT_EQ(CountLogLines(log, kWarning, "Send failed. command=[0x0000CD01] bytesReceived=[-1]"),
               1u)
         << log;
@@ -179,7 +190,7 @@ TEST_F(RelayUsbEndToEndTest, KyrPulledBeforeItsOutIsReapedFailsTheCommandAndTheR
         << m_scene.Client().Output();
     EXPECT_LT(took, 20s);
     const auto kyr = m_scene.KyrRecords();
-    EXPECT_EQ(CountRecords(kyr, "request "), 9u);
+    EXPECT_EQ(CountRecords(kyr, kRequestFrame), 9u);
     EXPECT_EQ(CountRecords(kyr, "unplugged"), 1u);
     const std::string log = m_scene.LogText();
     // The IN transfer's failure, then six of the OUT transfers' (the rate
@@ -211,7 +222,7 @@ TEST_F(RelayUsbEndToEndTest, KyrPulledWhileTheRelayWaitsForAnAnswerFailsAtOnceAn
     EXPECT_EQ(CountLogLines(log, kInformation, kUnplugged), 1u);
     EXPECT_GE(CountLogLines(log, kWarning, "Send failed. command=[0x0000D0F9] bytesReceived=[-4]"),
               1u);
-    EXPECT_EQ(CountRecords(m_scene.KyrRecords(), "request "), 9u);
+    EXPECT_EQ(CountRecords(m_scene.KyrRecords(), kRequestFrame), 9u);
     ExpectCleanEnd(log);
 }
 
@@ -222,7 +233,7 @@ TEST_F(RelayUsbEndToEndTest, RelayIdleWithTheKyrOpenTakesAlmostNoCpu)
 {
     ASSERT_TRUE(m_scene.StartUsbKyr());
     ASSERT_TRUE(m_scene.StartClient({"wait:6000", "kill"}, {}));
-    ASSERT_TRUE(m_scene.StartRelay({"-m", "--kyrIp", "127.0.0.1", "--relayPort", "7000"}));
+    ASSERT_TRUE(m_scene.StartRelay(UsbRelay()));
     ASSERT_TRUE(WaitFor(
         [this] {
             const std::string log = m_scene.LogText();

@@ -31,6 +31,7 @@ EmulatedUsbDevice::~EmulatedUsbDevice()
     g_signal_handlers_disconnect_by_data(m_handler, this);
     {
         std::lock_guard<std::mutex> hold(m_lock);
+        m_closing = true;
         for (auto& [ioctlClient, client] : m_clients) {
             g_signal_handler_disconnect(ioctlClient, client.notifyId);
             for (Urb& urb : client.waitingIn) {

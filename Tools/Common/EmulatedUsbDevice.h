@@ -162,6 +162,8 @@ private:
     std::map<int, std::shared_ptr<Plugging>> m_plugged;
     std::map<UMockdevIoctlClient*, Client> m_clients;
     std::map<unsigned long, int> m_failures;
+    // Set by the destructor: a call already on its way finds nothing to do.
+    bool m_closing = false;
     // Device numbers whose node has the handler already: umockdev takes one
     // handler per node for the testbed's life.
     std::vector<int> m_attached;

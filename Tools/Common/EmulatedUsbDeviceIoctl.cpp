@@ -142,6 +142,10 @@ bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* ioctlClient)
     const unsigned long request = umockdev_ioctl_client_get_request(ioctlClient);
     UMockdevIoctlData* argument = umockdev_ioctl_client_get_arg(ioctlClient);
     std::lock_guard<std::mutex> hold(m_lock);
+    if (m_closing) {
+        Complete(ioctlClient, -1, ENODEV);
+        return true;
+    }
     Client& client = ClientFor(ioctlClient);
     const bool pulled = client.plugging->pulled;
     const auto failure = m_failures.find(request);

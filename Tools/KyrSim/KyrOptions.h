@@ -39,8 +39,8 @@ struct KyrOptions
     int usbPlugAfterMs = 0;
     int usbUnplugAtMs = -1;
     int usbReplugAtMs = -1;
-    // Faults of the device. N counts the OUT transfers, the requests, from
-    // 0 whatever their service; a retried attempt is a request again.
+    // Faults of the device. N counts the RequestFrame requests (OUT
+    // transfers) from 0; a retried attempt is a request again.
     int usbUnplugAfterOut = -1; // pulled once request N is taken, unanswered
     int usbUnplugDuringIn = -1; // pulled while the IN transfer for request N waits
     int usbReplugAfterMs = -1;  // plugged again this long after each unplug

@@ -23,7 +23,7 @@ quint32 LittleEndian(const std::vector<uint8_t>& bytes, size_t at)
 
 bool Within(int index, int first, int count)
 {
-    return first >= 0 && index >= first && index - first < count;
+    return index >= 0 && first >= 0 && index >= first && index - first < count;
 }
 
 } // namespace
@@ -98,8 +98,13 @@ simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>
 {
     std::lock_guard<std::mutex> hold(m_lock);
     simcommon::EmulatedUsbDevice::OutReply reply;
-    const int index = m_requests++;
-    if (index == m_options.usbShortOutAt) {
+    // The faults count RequestFrame requests only, so that audio commands
+    // (which a driver may start at any time) don't move them.
+    const bool frameRequest = request.size() >= static_cast<size_t>(kHeaderBytes) &&
+                              LittleEndian(request, 0) == KyrResponder::kServiceVideo &&
+                              LittleEndian(request, 4) == KyrResponder::kRequestFrame;
+    const int index = frameRequest ? m_frameRequests++ : -1;
+    if (frameRequest && index == m_options.usbShortOutAt) {
         // The device takes the first bytes only and has no whole request to
         // answer.
         const size_t taken =
@@ -123,12 +128,12 @@ simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>
     // The responder sees every request, so that the frame numbers and the
     // picture size stay those of a Kyr that merely lost some answers.
     const QByteArray normal = m_responder.Respond(service, command, bytes.mid(kHeaderBytes));
-    if (index == m_options.usbUnplugAfterOut) {
+    if (frameRequest && index == m_options.usbUnplugAfterOut) {
         reply.pullAfter = true;
         QMetaObject::invokeMethod(this, &UsbKyr::Unplug, Qt::QueuedConnection);
         return reply;
     }
-    if (index == m_options.usbUnplugDuringIn) {
+    if (frameRequest && index == m_options.usbUnplugDuringIn) {
         m_pullWhenInWaits = true;
         return reply;
     }
@@ -149,7 +154,7 @@ simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>
     const QByteArray answer = fault.isNull() ? normal : fault;
     ++m_answered;
     std::vector<uint8_t> answerBytes(answer.begin(), answer.end());
-    if (index == m_options.usbLateAt) {
+    if (frameRequest && index == m_options.usbLateAt) {
         m_recorder->Line(QStringLiteral("late %1").arg(m_options.usbLateMs));
         QMetaObject::invokeMethod(
             this,

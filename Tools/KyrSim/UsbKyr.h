@@ -60,7 +60,7 @@ private:
     std::mutex m_lock;
     KyrAudio m_audio;
     KyrResponder m_responder;
-    int m_requests = 0;
+    int m_frameRequests = 0;
     int m_answered = 0;
     bool m_garbageSent = false;
     bool m_hugeSent = false;
