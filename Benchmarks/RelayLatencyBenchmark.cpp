@@ -20,8 +20,8 @@
 // with SendWithPayload overridden to note the time before handing on; the
 // answers are seen by a direct connection to its DataCallback; and the
 // renderer's renderFrame is reached through the linker's --wrap (see
-// CMakeLists.txt), which routes RelayWindow's call through
-// __wrap_<renderFrame> below and on to the real one.
+// CMakeLists.txt), which routes RelayWindow's call through the wrapper in
+// RelayBenchSetup and on to the real one, then to OnPicture below.
 //
 // Pictures come out in the order of the answers, one per answer, as long as
 // none is dropped; the run checks that from the relay's log (no full queue,
@@ -31,13 +31,12 @@
 #include "Benchmarks/BareDecoder.h"
 #include "Benchmarks/BenchStats.h"
 #include "Benchmarks/MachineLoad.h"
+#include "Benchmarks/RelayBenchSetup.h"
 #include "Clients/Conference/RelayConfig.h"
 #include "Clients/Conference/RelayWindow.h"
 #include "Clients/ConferenceTransport/Src/RelayProtocol.h"
 #include "Clients/ConferenceTransport/Src/TcpCommunication.h"
-#include "Common/Logger/Src/FileStore.h"
 #include "Common/Logger/Src/Logger.h"
-#include "Common/VideoDecode/Src/VideoRenderer.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TempDir.h"
 #include "Tools/Common/H264Encoder.h"
@@ -51,7 +50,6 @@
 #include <QThread>
 #include <QTimer>
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,7 +67,6 @@
 #include <thread>
 #include <vector>
 
-using quorvan::VideoRenderer;
 
 namespace {
 
@@ -77,12 +74,19 @@ using namespace quorvan;
 using namespace quorvan::velorane;
 using quorvan::velorane::relay::RelayConfig;
 using quorvan::velorane::relay::RelayWindow;
+using ::velorane::bench::AddLogFileStore;
 using ::velorane::bench::BareDecoder;
+using ::velorane::bench::CountLogLines;
+using ::velorane::bench::FinishLogFileStore;
 using ::velorane::bench::MachineLoad;
 using ::velorane::bench::OwnCpuSeconds;
 using ::velorane::bench::ProcessCpuSeconds;
 using ::velorane::bench::Quantile;
+using ::velorane::bench::RegisterRelayTypes;
+using ::velorane::bench::StartTlsKyr;
+using ::velorane::bench::StatusKb;
 using ::velorane::bench::ThreadCpuSeconds;
+using ::velorane::bench::ThreadId;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kPassword[] = "benchmark";
@@ -94,11 +98,6 @@ struct Options
     int width = 1920;
     int height = 1080;
 };
-
-long ThreadId()
-{
-    return static_cast<long>(syscall(SYS_gettid));
-}
 
 // The times of the three events of each frame, in order of occurrence,
 // written by the transport and decoder threads, read after the run.
@@ -173,6 +172,15 @@ private:
 
 Timeline g_timeline;
 
+// A picture reached the renderer (SetPictureHook), on the decoder thread.
+void OnPicture()
+{
+    if (g_timeline.decoderThread.load(std::memory_order_relaxed) == 0) {
+        g_timeline.decoderThread.store(ThreadId());
+    }
+    g_timeline.Picture();
+}
+
 // The relay's TCP transport, noting each frame request as it goes to the
 // socket.
 class StampingTransport : public TcpCommunication
@@ -190,42 +198,6 @@ public:
         return TcpCommunication::SendWithPayload(commandData);
     }
 };
-
-// User and system time of another process, in seconds.
-double ChildCpuSeconds(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    // The fields after the command name, which is in parentheses.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    long long user = 0;
-    long long system = 0;
-    for (int index = 3; fields >> field; ++index) {
-        if (index == 14) {
-            user = std::atoll(field.c_str());
-        } else if (index == 15) {
-            system = std::atoll(field.c_str());
-            break;
-        }
-    }
-    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-// A field of /proc/self/status in kB.
-long StatusKb(const char* name)
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    const std::string prefix = std::string(name) + ":";
-    while (std::getline(status, line)) {
-        if (line.rfind(prefix, 0) == 0) {
-            return std::atol(line.c_str() + prefix.size());
-        }
-    }
-    return 0;
-}
 
 // What the relay and kyr-sim had used up at one moment.
 struct Snapshot
@@ -245,7 +217,7 @@ struct Snapshot
         snapshot.gui = ThreadCpuSeconds(getpid());
         snapshot.transport = ThreadCpuSeconds(g_timeline.transportThread.load());
         snapshot.decoder = ThreadCpuSeconds(g_timeline.decoderThread.load());
-        snapshot.kyr = ChildCpuSeconds(kyr);
+        snapshot.kyr = ::velorane::test::CpuSecondsOf(kyr);
         return snapshot;
     }
 };
@@ -262,21 +234,6 @@ void PrintSpread(const char* what, const std::vector<double>& values)
                 values.empty() ? 0.0 : *std::min_element(values.begin(), values.end()),
                 values.empty() ? 0.0 : *std::max_element(values.begin(), values.end()),
                 values.size());
-}
-
-// Lines of the relay's log files that hold text.
-size_t CountLogLines(const std::string& folder, const std::string& text)
-{
-    size_t count = 0;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        std::ifstream file(entry.path());
-        std::string line;
-        while (std::getline(file, line)) {
-            count += line.find(text) != std::string::npos;
-        }
-    }
-    return count;
 }
 
 // Lines of kyr-sim's own output that hold text.
@@ -313,25 +270,6 @@ bool ParseOptions(int argc, char** argv, Options& options)
 
 } // namespace
 
-// RelayWindow's call of renderFrame arrives here (ld --wrap), on the
-// decoder thread. The time is taken once the copy is done: the picture is
-// then the renderer's.
-extern "C" void __real__ZN7quorvan13VideoRenderer11renderFrameEjjPiPhS2_S2_(
-    VideoRenderer* renderer, uint32_t width, uint32_t height, int* stride, uint8_t* yData,
-    uint8_t* uData, uint8_t* vData);
-
-extern "C" void __wrap__ZN7quorvan13VideoRenderer11renderFrameEjjPiPhS2_S2_(
-    VideoRenderer* renderer, uint32_t width, uint32_t height, int* stride, uint8_t* yData,
-    uint8_t* uData, uint8_t* vData)
-{
-    __real__ZN7quorvan13VideoRenderer11renderFrameEjjPiPhS2_S2_(renderer, width, height, stride,
-                                                                yData, uData, vData);
-    if (g_timeline.decoderThread.load(std::memory_order_relaxed) == 0) {
-        g_timeline.decoderThread.store(ThreadId());
-    }
-    g_timeline.Picture();
-}
-
 int main(int argc, char** argv)
 {
     Options options;
@@ -341,44 +279,17 @@ int main(int argc, char** argv)
 
     // kyr-sim with a throw-away certificate, on a free port.
     ::velorane::test::TempDir folder;
-    const std::string certificate = folder.File("cert");
-    const std::string makeCertificate = ::velorane::test::SourcePath("scripts/make-test-cert.sh") +
-                                        " " + certificate + " >/dev/null 2>&1";
-    if (std::system(makeCertificate.c_str()) != 0) {
-        std::fprintf(stderr, "make-test-cert.sh failed\n");
-        return 1;
-    }
-    const int port = ::velorane::test::FreeTcpPort();
     ::velorane::test::ChildProcess kyr;
-    ::velorane::test::ChildProcess::Options kyrOptions;
-    kyrOptions.argv = {::velorane::test::BinaryPath("kyr-sim"),
-                       "--port",
-                       std::to_string(port),
-                       "--cert",
-                       certificate + "/kyr-sim.crt",
-                       "--key",
-                       certificate + "/kyr-sim.key",
-                       "--password",
-                       kPassword,
-                       "--record",
-                       folder.File("kyr.rec"),
-                       "--time-limit",
-                       std::to_string(options.seconds + 60)};
-    kyrOptions.outputFile = folder.File("kyr.out");
-    if (!kyr.Start(kyrOptions) ||
-        !kyr.WaitForOutput("kyr-sim: listening on", std::chrono::seconds(15))) {
-        std::fprintf(stderr, "kyr-sim did not come up:\n%s\n", kyr.Output().c_str());
+    const int port =
+        StartTlsKyr(folder, kyr, kPassword, folder.File("kyr.rec"), options.seconds + 60);
+    if (port < 0) {
         return 1;
     }
 
     // The relay's process set-up: types for the queued connections, the
     // application, the log file store.
-    qRegisterMetaType<RelayService>("RelayService");
-    qRegisterMetaType<RelayCommand>("RelayCommand");
-    qRegisterMetaType<RelayCommandData>("RelayCommandData");
-    qRegisterMetaType<RelayError>("RelayError");
-    qRegisterMetaType<QSharedPointer<QByteArray>>("QSharedPointer<QByteArray>");
-    qRegisterMetaType<RelayCommandData>("quorvan::velorane::RelayCommandData");
+    RegisterRelayTypes();
+    ::velorane::bench::SetPictureHook(&OnPicture);
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     }
@@ -391,13 +302,7 @@ int main(int argc, char** argv)
     }
 
     const std::string logFolder = folder.File("logs");
-    std::filesystem::create_directories(logFolder);
-    CRefCountPtr<ILogStore> fileStore;
-    CreateFileStore("VeloraneConference", logFolder, 0xa00000, &fileStore);
-    CRefCountPtr<ILogger> logger;
-    GetLoggerInstance(&logger);
-    logger->AddStore(fileStore);
-    logger->SetLevel(0);
+    CRefCountPtr<ILogStore> fileStore = AddLogFileStore(logFolder);
 
     // The window, the transport on its own thread and their connections,
     // as the relay's ApplicationWrapper makes them.
@@ -495,10 +400,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "no measurement; kyr-sim said:\n%s\n", kyr.Output().c_str());
         return 1;
     }
-    logger->RemoveStore(fileStore);
-    if (auto* store = dynamic_cast<FileStore*>(fileStore.Get())) {
-        store->Flush();
-    }
+    FinishLogFileStore(fileStore);
 
     // Request k, answer k and picture k belong together.
     const auto requests = g_timeline.Requests();

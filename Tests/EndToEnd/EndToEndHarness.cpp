@@ -100,6 +100,63 @@ bool EndToEndScene::StartKyr(int basePort, const std::vector<std::string>& extra
     return m_kyr.Start(options) && m_kyr.WaitForOutput("kyr-sim: listening on", kStartTimeout);
 }
 
+namespace {
+
+// The preload library, behind AddressSanitizer's runtime when this test (and
+// so the relay beside it) is built with it: the runtime must come first.
+std::string UmockdevPreload()
+{
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        const size_t at = line.find('/');
+        if (at != std::string::npos && line.find("/libasan.so") != std::string::npos) {
+            return line.substr(at) + ":libumockdev-preload.so.0";
+        }
+    }
+    return "libumockdev-preload.so.0";
+}
+
+} // namespace
+
+bool EndToEndScene::UsbEmulationAvailable()
+{
+    return std::ifstream("/usr/lib/x86_64-linux-gnu/libumockdev-preload.so.0").good();
+}
+
+bool EndToEndScene::StartUsbKyr(const std::vector<std::string>& extra, const std::string& record)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("kyr-sim"), "--usb",        "--record",
+                    m_dir.File(record),    "--time-limit", "60"};
+    options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+    options.environment = Environment();
+    options.outputFile = m_dir.File("usb-kyr.out");
+    const std::string marker = "kyr-sim: usb testbed ";
+    if (!m_usbKyr.Start(options) || !m_usbKyr.WaitForOutput(marker, kStartTimeout)) {
+        return false;
+    }
+    // The whole line: the folder ends at its line feed.
+    std::string output;
+    size_t at = 0;
+    size_t end = std::string::npos;
+    const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
+    while (end == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+        output = m_usbKyr.Output();
+        at = output.find(marker) + marker.size();
+        end = output.find('\n', at);
+        if (end == std::string::npos) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    if (end == std::string::npos) {
+        return false;
+    }
+    SetEnvironment("UMOCKDEV_DIR", output.substr(at, end - at));
+    SetEnvironment("LD_PRELOAD", UmockdevPreload());
+    return true;
+}
+
 bool EndToEndScene::StartClient(const std::vector<std::string>& sends,
                                 const std::vector<std::string>& relayArguments,
                                 const std::vector<std::string>& extra)

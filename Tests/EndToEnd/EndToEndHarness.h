@@ -43,6 +43,18 @@ public:
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
     bool StartKyr(int basePort, const std::vector<std::string>& extra = {});
+    // Whether umockdev's preload library is installed, which the Kyr on an
+    // emulated USB device needs.
+    static bool UsbEmulationAvailable();
+    // Starts kyr-sim as the Kyr on a USB device that umockdev emulates
+    // (--usb, recording to the scene's file of that name, kyr.rec unless
+    // told) and points the scene's processes started after it at its
+    // testbed: UMOCKDEV_DIR, and umockdev's preload library behind
+    // AddressSanitizer's runtime when this test has it. It is a process of
+    // its own, UsbKyr(), beside a kyr-sim over TLS. Returns false when it
+    // didn't come up.
+    bool StartUsbKyr(const std::vector<std::string>& extra = {},
+                     const std::string& record = "kyr.rec");
     // Starts client-sim with its script; relay arguments follow "--" when
     // given. Waits until it listens.
     bool StartClient(const std::vector<std::string>& sends,
@@ -73,6 +85,7 @@ public:
 
     TempDir& Dir() { return m_dir; }
     ChildProcess& Kyr() { return m_kyr; }
+    ChildProcess& UsbKyr() { return m_usbKyr; }
     ChildProcess& Client() { return m_client; }
     ChildProcess& Relay() { return m_relay; }
     ChildProcess& VirtualDisplay() { return m_virtualDisplay; }
@@ -83,6 +96,7 @@ public:
 private:
     TempDir m_dir;
     ChildProcess m_kyr;
+    ChildProcess m_usbKyr;
     ChildProcess m_client;
     ChildProcess m_relay;
     ChildProcess m_virtualDisplay;

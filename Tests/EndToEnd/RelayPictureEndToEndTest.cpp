@@ -1,5 +1,5 @@
 // What a person sees: the real relay, started by client-sim and fed by
-// kyr-sim over TLS, shows kyr-sim's test picture in its window. Each test
+// kyr-sim over TLS (and once over USB), shows kyr-sim's test picture in its window. Each test
 // runs its own X server, so no other test's window can cover the relay's,
 // and looks at the screen with screen-grab, as the demo does.
 
@@ -158,6 +158,30 @@ TEST_F(RelayPictureEndToEndTest, PulledPictureShowsTheTestPattern)
     EXPECT_EQ(screen.pixelColor(kWidth + 20, kHeight + 20), QColor(Qt::black));
     // The picture is live: the box and the number move.
     ExpectMovingPicture(10s);
+}
+
+// The same over USB, the relay's default link: kyr-sim is a Kyr on a USB
+// device that umockdev emulates, and the relay runs without -t.
+TEST_F(RelayPictureEndToEndTest, PulledPictureOverUsbShowsTheTestPattern)
+{
+    if (!EndToEndScene::UsbEmulationAvailable()) {
+        GTEST_SKIP() << "umockdev's preload library isn't installed";
+    }
+    ASSERT_TRUE(m_scene.StartUsbKyr());
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:60000", "kill"},
+                                    {"-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--width", std::to_string(kWidth),
+                                     "--height", std::to_string(kHeight)}));
+    const QImage screen = GrabUntilBars(m_scene, m_display.Name(), &m_grabs);
+    ASSERT_FALSE(screen.isNull());
+    EXPECT_EQ(BarsShown(screen), 8) << m_scene.LogText();
+    EXPECT_EQ(screen.pixelColor(kWidth + 20, kHeight + 20), QColor(Qt::black));
+    ExpectMovingPicture(10s);
+    // It came over USB.
+    const std::string log = m_scene.LogText();
+    EXPECT_NE(log.find("\tConnecting to vid=[0x7A31] pid=[0x0301]\t"), std::string::npos) << log;
+    EXPECT_EQ(log.find("\tSend failed."), std::string::npos) << log;
+    EXPECT_GE(CountRecords(m_scene.KyrRecords(), "request 9945febbf9d0000000000000"), 5u);
 }
 
 TEST_F(RelayPictureEndToEndTest, SizeChangeMidStreamKeepsThePicture)

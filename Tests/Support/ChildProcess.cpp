@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -176,6 +178,28 @@ int FreeTcpPort()
     }
     close(fd);
     return port;
+}
+
+double CpuSecondsOf(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const size_t name = text.rfind(')');
+    if (name == std::string::npos || name + 2 > text.size()) {
+        return 0;
+    }
+    // The fields after the command name, which is in parentheses: utime and
+    // stime are the 14th and 15th of the line.
+    std::istringstream fields(text.substr(name + 2));
+    std::string field;
+    long long ticks = 0;
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index >= 14) {
+            ticks += std::atoll(field.c_str());
+        }
+    }
+    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 } // namespace velorane::test

@@ -62,4 +62,8 @@ bool WaitForFileContaining(const std::string& path, const std::string& text,
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int FreeTcpPort();
 
+// User and system time a process has used so far, in seconds, from
+// /proc/<pid>/stat (clock ticks); 0 when it can't be read.
+double CpuSecondsOf(pid_t pid);
+
 } // namespace velorane::test

@@ -1,9 +1,12 @@
 #include "Tools/Common/EmulatedUsbDevice.h"
 
+#include "Tools/Common/UsbDeviceDescription.h"
+
 #include <umockdev.h>
 
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,45 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace simcommon {
-
-namespace {
-
-std::string HexByte(unsigned value)
-{
-    char text[3];
-    std::snprintf(text, sizeof(text), "%02x", value & 0xFFu);
-    return text;
-}
-
-// Device, configuration, interface and the two bulk endpoints, with no
-// string descriptors (so nothing asks for them).
-std::string Descriptors(uint16_t vendor, uint16_t product)
-{
-    // Device: USB 2.0, packet size 64, the ids, release 1.00, no strings,
-    // one configuration.
-    std::string hex = "1201000200000040";
-    hex += HexByte(vendor) + HexByte(vendor >> 8u) + HexByte(product) + HexByte(product >> 8u);
-    hex += "0001000000"
-           "01";
-    // Configuration 1 of 32 bytes in all, one interface, bus powered.
-    hex += "090220000101008032";
-    // Interface 0, alternate 0, two endpoints, vendor class.
-    hex += "09040000"
-           "02ff000000";
-    // Bulk OUT 0x02 and bulk IN 0x81, 512 bytes.
-    hex += "07050202000200";
-    hex += "07058102000200";
-    return hex;
-}
-
-void Complete(UMockdevIoctlClient* client, long result, int error)
-{
-    umockdev_ioctl_client_complete(client, result, error);
-}
-
-} // namespace
 
 EmulatedUsbDevice::EmulatedUsbDevice()
 {
@@ -60,16 +27,22 @@ EmulatedUsbDevice::EmulatedUsbDevice()
 
 EmulatedUsbDevice::~EmulatedUsbDevice()
 {
+    // No call may reach this object any more, then what it holds goes.
+    g_signal_handlers_disconnect_by_data(m_handler, this);
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        for (UMockdevIoctlData* data : m_reapable) {
-            umockdev_ioctl_data_unref(data);
+        m_closing = true;
+        for (auto& [ioctlClient, client] : m_clients) {
+            g_signal_handler_disconnect(ioctlClient, client.notifyId);
+            for (Urb& urb : client.waitingIn) {
+                Release(urb);
+            }
+            for (UMockdevIoctlData* data : client.reapable) {
+                umockdev_ioctl_data_unref(data);
+            }
+            g_object_unref(ioctlClient);
         }
-        for (UMockdevIoctlData* data : m_waitingIn) {
-            umockdev_ioctl_data_unref(data);
-        }
-        m_reapable.clear();
-        m_waitingIn.clear();
+        m_clients.clear();
     }
     g_clear_object(&m_handler);
     g_clear_object(&m_testbed);
@@ -81,53 +54,129 @@ bool EmulatedUsbDevice::InMockEnvironment()
     return preload && std::strstr(preload, "libumockdev-preload") != nullptr;
 }
 
+std::string EmulatedUsbDevice::PreloadValue()
+{
+    std::string value;
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (value.empty() && std::getline(maps, line)) {
+        const size_t at = line.find('/');
+        if (at != std::string::npos && line.find("/libasan.so") != std::string::npos) {
+            value = line.substr(at) + ":";
+        }
+    }
+    value += "libumockdev-preload.so.0";
+    const char* before = std::getenv("LD_PRELOAD");
+    if (before && *before) {
+        value += std::string(":") + before;
+    }
+    return value;
+}
+
+std::string EmulatedUsbDevice::Directory() const
+{
+    gchar* root = umockdev_testbed_get_root_dir(m_testbed);
+    std::string directory = root ? root : "";
+    g_free(root);
+    return directory;
+}
+
 void EmulatedUsbDevice::Plug(uint16_t vendor, uint16_t product, int number)
 {
-    char node[64];
-    std::snprintf(node, sizeof(node), "/dev/bus/usb/001/%03d", number);
-    if (std::find(m_attached.begin(), m_attached.end(), number) == m_attached.end()) {
-        umockdev_testbed_attach_ioctl(m_testbed, node, m_handler, nullptr);
-        m_attached.push_back(number);
-    }
-    char description[2048];
-    std::snprintf(description, sizeof(description),
-                  "P: /devices/usb1/1-%d\n"
-                  "N: bus/usb/001/%03d\n"
-                  "E: SUBSYSTEM=usb\n"
-                  "E: DEVTYPE=usb_device\n"
-                  "E: DEVNAME=/dev/bus/usb/001/%03d\n"
-                  "E: BUSNUM=001\n"
-                  "E: DEVNUM=%03d\n"
-                  "A: dev=189:%d\\n\n"
-                  "A: busnum=1\\n\n"
-                  "A: devnum=%d\\n\n"
-                  "A: speed=480\\n\n"
-                  "A: bConfigurationValue=1\\n\n"
-                  "H: descriptors=%s\n",
-                  number, number, number, number, number, number,
-                  Descriptors(vendor, product).c_str());
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        m_unplugged = false;
+        if (m_plugged.count(number) != 0) {
+            return;
+        }
     }
-    umockdev_testbed_add_from_string(m_testbed, description, nullptr);
+    const std::string node = UsbDeviceNode(number);
+    if (std::find(m_attached.begin(), m_attached.end(), number) == m_attached.end()) {
+        umockdev_testbed_attach_ioctl(m_testbed, ("/dev/" + node).c_str(), m_handler, nullptr);
+        m_attached.push_back(number);
+    }
+    // The node first, then the device and its add event.
+    const std::string path = Directory() + "/dev/" + node;
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        mkdir(path.substr(0, slash).c_str(), 0755);
+    }
+    auto plugging = std::make_shared<Plugging>();
+    plugging->number = number;
+    plugging->node.Create(path);
+    {
+        std::lock_guard<std::mutex> hold(m_lock);
+        m_plugged[number] = plugging;
+    }
+    umockdev_testbed_add_from_string(
+        m_testbed, UsbDeviceDescription(vendor, product, number).c_str(), nullptr);
 }
 
 void EmulatedUsbDevice::Unplug(int number)
 {
-    char path[64];
-    std::snprintf(path, sizeof(path), "/sys/devices/usb1/1-%d", number);
     {
         std::lock_guard<std::mutex> hold(m_lock);
-        m_unplugged = true;
+        if (m_plugged.count(number) == 0) {
+            return;
+        }
+        PullLocked(number);
     }
+    char path[64];
+    std::snprintf(path, sizeof(path), "/sys/devices/usb1/1-%d", number);
     umockdev_testbed_uevent(m_testbed, path, "remove");
     umockdev_testbed_remove_device(m_testbed, path);
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_plugged.erase(number);
+}
+
+void EmulatedUsbDevice::Pull(int number)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    PullLocked(number);
+}
+
+void EmulatedUsbDevice::PullLocked(int number)
+{
+    const auto plugged = m_plugged.find(number);
+    if (plugged == m_plugged.end() || plugged->second->pulled) {
+        return;
+    }
+    plugged->second->pulled = true;
+    // What the device still had to send is gone with it. URBs in flight are
+    // given back as the kernel does at a disconnect: with -ESHUTDOWN, still
+    // to be reaped (libusb waits for that, and the node gives no poll error).
+    m_answers.clear();
+    m_shortOut = -1;
+    for (auto& [ioctlClient, client] : m_clients) {
+        if (client.plugging != plugged->second) {
+            continue;
+        }
+        for (Urb& urb : client.waitingIn) {
+            UrbOf(urb.urb)->status = -ESHUTDOWN;
+            UrbOf(urb.urb)->actual_length = 0;
+            MakeReapable(client, urb.urb);
+            if (urb.buffer) {
+                umockdev_ioctl_data_unref(urb.buffer);
+            }
+        }
+        client.waitingIn.clear();
+    }
 }
 
 void EmulatedUsbDevice::QueueAnswer(std::vector<uint8_t> answer)
 {
     std::lock_guard<std::mutex> hold(m_lock);
+    for (auto& [ioctlClient, client] : m_clients) {
+        if (!client.waitingIn.empty() && !client.plugging->pulled) {
+            Urb urb = client.waitingIn.front();
+            client.waitingIn.pop_front();
+            FillIn(urb, answer);
+            MakeReapable(client, urb.urb);
+            if (urb.buffer) {
+                umockdev_ioctl_data_unref(urb.buffer);
+            }
+            return;
+        }
+    }
     m_answers.push_back(std::move(answer));
 }
 
@@ -143,6 +192,22 @@ void EmulatedUsbDevice::SetOutHandler(OutHandler handler)
     m_outHandler = std::move(handler);
 }
 
+void EmulatedUsbDevice::SetInWaitingHandler(InWaitingHandler handler)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_inWaitingHandler = std::move(handler);
+}
+
+void EmulatedUsbDevice::FailRequest(unsigned long request, int error)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    if (error == 0) {
+        m_failures.erase(request);
+    } else {
+        m_failures[request] = error;
+    }
+}
+
 void EmulatedUsbDevice::KeepOutTransfers(bool keep)
 {
     std::lock_guard<std::mutex> hold(m_lock);
@@ -155,132 +220,20 @@ std::vector<std::vector<uint8_t>> EmulatedUsbDevice::OutTransfers() const
     return m_outs;
 }
 
+size_t EmulatedUsbDevice::InTransfersWaiting() const
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    size_t waiting = 0;
+    for (const auto& [ioctlClient, client] : m_clients) {
+        waiting += client.waitingIn.size();
+    }
+    return waiting;
+}
+
 std::vector<std::string> EmulatedUsbDevice::UnknownRequests() const
 {
     std::lock_guard<std::mutex> hold(m_lock);
     return m_unknown;
-}
-
-int EmulatedUsbDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self)
-{
-    return static_cast<EmulatedUsbDevice*>(self)->HandleIoctl(client) ? TRUE : FALSE;
-}
-
-bool EmulatedUsbDevice::HandleIoctl(UMockdevIoctlClient* client)
-{
-    const unsigned long request = umockdev_ioctl_client_get_request(client);
-    UMockdevIoctlData* argument = umockdev_ioctl_client_get_arg(client);
-    std::lock_guard<std::mutex> hold(m_lock);
-    if (m_unplugged) {
-        Complete(client, -1, ENODEV);
-        return true;
-    }
-    switch (request) {
-    case USBDEVFS_GET_CAPABILITIES: {
-        // With scatter-gather libusb submits each transfer as one URB, as it
-        // does on today's kernels; without it, it would cut large ones into
-        // 16 KiB URBs.
-        UMockdevIoctlData* data =
-            umockdev_ioctl_data_resolve(argument, 0, sizeof(guint32), nullptr);
-        *reinterpret_cast<guint32*>(data->data) =
-            USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_BULK_CONTINUATION |
-            USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_REAP_AFTER_DISCONNECT |
-            USBDEVFS_CAP_ZERO_PACKET;
-        umockdev_ioctl_data_unref(data);
-        Complete(client, 0, 0);
-        return true;
-    }
-    case USBDEVFS_CLAIMINTERFACE:
-    case USBDEVFS_RELEASEINTERFACE:
-    case USBDEVFS_SETINTERFACE:
-    case USBDEVFS_CLEAR_HALT:
-    case USBDEVFS_RESET:
-    case USBDEVFS_RESETEP:
-        Complete(client, 0, 0);
-        return true;
-    case USBDEVFS_GETDRIVER:
-        Complete(client, -1, ENODATA);
-        return true;
-    case USBDEVFS_SUBMITURB: {
-        UMockdevIoctlData* urbData =
-            umockdev_ioctl_data_resolve(argument, 0, sizeof(usbdevfs_urb), nullptr);
-        auto* urb = reinterpret_cast<usbdevfs_urb*>(urbData->data);
-        UMockdevIoctlData* buffer =
-            umockdev_ioctl_data_resolve(urbData, offsetof(usbdevfs_urb, buffer),
-                                        static_cast<gsize>(urb->buffer_length), nullptr);
-        if (urb->endpoint & 0x80) {
-            if (!m_answers.empty()) {
-                const std::vector<uint8_t> answer = std::move(m_answers.front());
-                m_answers.pop_front();
-                const size_t fits =
-                    std::min(answer.size(), static_cast<size_t>(urb->buffer_length));
-                if (fits > 0) {
-                    std::memcpy(buffer->data, answer.data(), fits);
-                }
-                urb->actual_length = static_cast<int>(fits);
-                urb->status = answer.size() > fits ? -EOVERFLOW : 0;
-                m_reapable.push_back(urbData);
-            } else {
-                m_waitingIn.push_back(urbData);
-            }
-        } else {
-            const int length =
-                m_shortOut >= 0 ? std::min(m_shortOut, urb->buffer_length) : urb->buffer_length;
-            m_shortOut = -1;
-            const auto* bytes = static_cast<const uint8_t*>(buffer->data);
-            std::vector<uint8_t> out(bytes, bytes + length);
-            if (m_outHandler) {
-                for (auto& answer : m_outHandler(out)) {
-                    m_answers.push_back(std::move(answer));
-                }
-            }
-            if (m_keepOuts) {
-                m_outs.push_back(std::move(out));
-            }
-            urb->actual_length = length;
-            urb->status = 0;
-            m_reapable.push_back(urbData);
-        }
-        umockdev_ioctl_data_unref(buffer);
-        Complete(client, 0, 0);
-        return true;
-    }
-    case USBDEVFS_REAPURB:
-    case USBDEVFS_REAPURBNDELAY: {
-        if (m_reapable.empty()) {
-            Complete(client, -1, EAGAIN);
-            return true;
-        }
-        UMockdevIoctlData* urbData = m_reapable.front();
-        m_reapable.pop_front();
-        UMockdevIoctlData* pointer =
-            umockdev_ioctl_data_resolve(argument, 0, sizeof(gpointer), nullptr);
-        umockdev_ioctl_data_set_ptr(pointer, 0, urbData);
-        umockdev_ioctl_data_unref(pointer);
-        umockdev_ioctl_data_unref(urbData);
-        Complete(client, 0, 0);
-        return true;
-    }
-    case USBDEVFS_DISCARDURB: {
-        const gulong address = reinterpret_cast<gulong>(*reinterpret_cast<void**>(argument->data));
-        auto waiting = std::find_if(
-            m_waitingIn.begin(), m_waitingIn.end(),
-            [address](UMockdevIoctlData* data) { return data->client_addr == address; });
-        if (waiting == m_waitingIn.end()) {
-            Complete(client, -1, EINVAL);
-            return true;
-        }
-        // Given up on by libusb after its time-out: reaped as cancelled.
-        reinterpret_cast<usbdevfs_urb*>((*waiting)->data)->status = -ENOENT;
-        m_reapable.push_back(*waiting);
-        m_waitingIn.erase(waiting);
-        Complete(client, 0, 0);
-        return true;
-    }
-    default:
-        m_unknown.push_back(std::to_string(request));
-        return false;
-    }
 }
 
 } // namespace simcommon

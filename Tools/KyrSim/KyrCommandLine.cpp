@@ -132,6 +132,22 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
          "MS"},
         {"usb-unplug-at", "With --usb: unplug the device MS after the start.", "MS"},
         {"usb-replug-at", "With --usb: plug it in again MS after the start.", "MS"},
+        {"usb-unplug-after-out",
+         "With --usb: pull the device right after it took request N, before answering.", "N"},
+        {"usb-unplug-during-in",
+         "With --usb: hold request N's answer and pull the device while the IN transfer waits.",
+         "N"},
+        {"usb-replug-after", "With --usb: plug the device in again MS after each unplug.", "MS"},
+        {"usb-late-at", "With --usb: request N's answer comes --usb-late-ms late.", "N"},
+        {"usb-late-ms", "How late that answer comes (default 1000).", "MS"},
+        {"usb-timeout-at", "With --usb: requests N on get no answer, so the IN transfers time out.",
+         "N"},
+        {"usb-timeout-count", "How many requests --usb-timeout-at leaves unanswered (default 1).",
+         "K"},
+        {"usb-empty-at", "With --usb: requests N on are answered with a zero-length IN.", "N"},
+        {"usb-empty-count", "How many requests --usb-empty-at answers empty (default 1).", "K"},
+        {"usb-short-out-at", "With --usb: request N's OUT transfer takes only a few bytes.", "N"},
+        {"usb-short-out-bytes", "How many bytes that OUT transfer takes (default 5).", "B"},
         {"mic-unsolicited", "Send one microphone response unasked MS after the password.", "MS"},
         {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
         {"close-after", "Answer N requests, then close the connection.", "N"},
@@ -224,6 +240,20 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         !ReadInt(parser, "usb-plug-after", 0, 86400000, &options->usbPlugAfterMs, message) ||
         !ReadInt(parser, "usb-unplug-at", 0, 86400000, &options->usbUnplugAtMs, message) ||
         !ReadInt(parser, "usb-replug-at", 0, 86400000, &options->usbReplugAtMs, message) ||
+        !ReadInt(parser, "usb-unplug-after-out", 0, INT32_MAX, &options->usbUnplugAfterOut,
+                 message) ||
+        !ReadInt(parser, "usb-unplug-during-in", 0, INT32_MAX, &options->usbUnplugDuringIn,
+                 message) ||
+        !ReadInt(parser, "usb-replug-after", 0, 86400000, &options->usbReplugAfterMs, message) ||
+        !ReadInt(parser, "usb-late-at", 0, INT32_MAX, &options->usbLateAt, message) ||
+        !ReadInt(parser, "usb-late-ms", 0, 86400000, &options->usbLateMs, message) ||
+        !ReadInt(parser, "usb-timeout-at", 0, INT32_MAX, &options->usbTimeoutAt, message) ||
+        !ReadInt(parser, "usb-timeout-count", 1, INT32_MAX, &options->usbTimeoutCount, message) ||
+        !ReadInt(parser, "usb-empty-at", 0, INT32_MAX, &options->usbEmptyAt, message) ||
+        !ReadInt(parser, "usb-empty-count", 1, INT32_MAX, &options->usbEmptyCount, message) ||
+        !ReadInt(parser, "usb-short-out-at", 0, INT32_MAX, &options->usbShortOutAt, message) ||
+        !ReadInt(parser, "usb-short-out-bytes", 0, kMaxDeclaredBytes, &options->usbShortOutBytes,
+                 message) ||
         !ReadInt(parser, "mic-fault-at", 0, INT32_MAX, &options->micFaultAt, message) ||
         !ReadInt(parser, "mic-unsolicited", 0, 3600000, &options->micUnsolicitedMs, message) ||
         !ReadInt(parser, "stall-after", 0, INT32_MAX, &options->stallAfter, message) ||

@@ -39,6 +39,19 @@ struct KyrOptions
     int usbPlugAfterMs = 0;
     int usbUnplugAtMs = -1;
     int usbReplugAtMs = -1;
+    // Faults of the device. N counts the RequestFrame requests (OUT
+    // transfers) from 0; a retried attempt is a request again.
+    int usbUnplugAfterOut = -1; // pulled once request N is taken, unanswered
+    int usbUnplugDuringIn = -1; // pulled while the IN transfer for request N waits
+    int usbReplugAfterMs = -1;  // plugged again this long after each unplug
+    int usbLateAt = -1;         // request N's answer comes usbLateMs late
+    int usbLateMs = 1000;
+    int usbTimeoutAt = -1; // requests N to N + count - 1 get no answer
+    int usbTimeoutCount = 1;
+    int usbEmptyAt = -1; // requests N to N + count - 1 get a zero-length IN
+    int usbEmptyCount = 1;
+    int usbShortOutAt = -1; // request N's OUT transfer takes only this many bytes
+    int usbShortOutBytes = 5;
 
     // Frame faults. N counts the frames answered on a connection from 0.
     int resizeAt = -1;

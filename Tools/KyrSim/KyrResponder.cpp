@@ -18,6 +18,25 @@ QByteArray KyrResponder::Header(quint32 service, quint32 command, quint32 size)
     return header;
 }
 
+QByteArray KyrResponder::SharedFault(const KyrOptions& options, quint32 service, quint32 command,
+                                     int answered, bool* garbageSent, bool* hugeSent)
+{
+    constexpr quint32 kHugeSize = 0xFFFFFFF0;
+    constexpr quint32 kSmallSize = 4;
+    if (options.garbageAfter >= 0 && !*garbageSent && answered == options.garbageAfter) {
+        *garbageSent = true;
+        return QByteArray(options.garbageBytes, static_cast<char>(0xA5));
+    }
+    if (options.hugeSize && !*hugeSent && answered >= 1) {
+        *hugeSent = true;
+        return Header(service, command, kHugeSize);
+    }
+    if (options.smallSize) {
+        return Header(service, command, kSmallSize);
+    }
+    return QByteArray();
+}
+
 QByteArray KyrResponder::Respond(quint32 service, quint32 command, const QByteArray& payload)
 {
     QByteArray body;

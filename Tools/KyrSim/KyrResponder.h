@@ -34,6 +34,12 @@ public:
     QByteArray Respond(quint32 service, quint32 command, const QByteArray& payload);
 
     static QByteArray Header(quint32 service, quint32 command, quint32 size);
+    // The answer faults both carriers share, for the answer numbered
+    // answered (from 0) of a connection: --garbage-after (once), --huge-size
+    // (the second answer, once) and --small-size (every answer). The flags
+    // remember what was sent once. A null array when none applies.
+    static QByteArray SharedFault(const KyrOptions& options, quint32 service, quint32 command,
+                                  int answered, bool* garbageSent, bool* hugeSent);
 
 private:
     FrameProducer m_frames;

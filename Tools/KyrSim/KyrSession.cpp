@@ -13,8 +13,6 @@ namespace kyrsim {
 namespace {
 
 constexpr int kHeaderBytes = 12;
-constexpr quint32 kHugeSize = 0xFFFFFFF0;
-constexpr quint32 kSmallSize = 4;
 constexpr quint32 kHugeGarbageSize = 0x80000000;
 // What the flood keeps queued on the socket at most, and writes at a time.
 constexpr qint64 kFloodQueued = 4 * 1024 * 1024;
@@ -158,8 +156,8 @@ void KyrSession::Answer(const QByteArray& request)
 QByteArray KyrSession::FaultyAnswer(quint32 service, quint32 command, const QByteArray& normal)
 {
     if (m_options.garbageAfter >= 0 && !m_garbageSent && m_answered == m_options.garbageAfter) {
-        m_garbageSent = true;
-        return QByteArray(m_options.garbageBytes, static_cast<char>(0xA5));
+        return KyrResponder::SharedFault(m_options, service, command, m_answered, &m_garbageSent,
+                                         &m_hugeSent);
     }
     if (m_options.hugeThenGarbageSec >= 0 && !m_hugeSent && m_answered >= 1) {
         m_hugeSent = true;
@@ -170,14 +168,9 @@ QByteArray KyrSession::FaultyAnswer(quint32 service, quint32 command, const QByt
         m_flood->start(1);
         return KyrResponder::Header(service, command, kHugeGarbageSize);
     }
-    if (m_options.hugeSize && !m_hugeSent && m_answered >= 1) {
-        m_hugeSent = true;
-        return KyrResponder::Header(service, command, kHugeSize);
-    }
-    if (m_options.smallSize) {
-        return KyrResponder::Header(service, command, kSmallSize);
-    }
-    return normal;
+    const QByteArray fault = KyrResponder::SharedFault(m_options, service, command, m_answered,
+                                                       &m_garbageSent, &m_hugeSent);
+    return fault.isNull() ? normal : fault;
 }
 
 void KyrSession::Flood()

@@ -6,9 +6,11 @@
 
 #include "Tools/Common/EmulatedUsbDevice.h"
 
+#include <QByteArray>
 #include <QObject>
 #include <QString>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -24,11 +26,13 @@ namespace kyrsim {
 // are requests (little-endian header, payload) and whose next IN transfer
 // carries the answer, as over TLS but with no password and one answer per
 // exchange. The relay reaches it by running under umockdev's preload
-// library with UMOCKDEV_DIR set to TestbedDirectory().
+// library with UMOCKDEV_DIR set to TestbedDirectory(); kyr-sim runs under
+// it too, or the testbed's plug events would reach no one.
 //
-// Threads: requests are answered on the testbed's worker thread; plugging
-// and unplugging run on the main thread's timers. m_lock guards the
-// responder and the record between them.
+// Threads: requests are answered on the testbed's worker thread; plugging,
+// unplugging and late answers run on the main thread, which the worker
+// thread posts to. m_lock guards the responder, the counters and the
+// record between them.
 class UsbKyr : public QObject
 {
     Q_OBJECT
@@ -45,17 +49,24 @@ public:
     void Start();
 
 private:
-    std::vector<std::vector<uint8_t>> Answer(const std::vector<uint8_t>& request);
+    simcommon::EmulatedUsbDevice::OutReply Answer(const std::vector<uint8_t>& request);
+    void OnInWaiting();
     void Plug();
     void Unplug();
+    void Record(const QString& line);
 
     KyrOptions m_options;
     simcommon::Recorder* m_recorder;
     std::mutex m_lock;
     KyrAudio m_audio;
     KyrResponder m_responder;
-    std::unique_ptr<simcommon::EmulatedUsbDevice> m_device;
+    int m_frameRequests = 0;
     int m_answered = 0;
+    bool m_garbageSent = false;
+    bool m_hugeSent = false;
+    std::atomic<bool> m_pullWhenInWaits{false};
+    // Last: the device goes first, so that no request arrives any more.
+    std::unique_ptr<simcommon::EmulatedUsbDevice> m_device;
 };
 
 } // namespace kyrsim

@@ -5,18 +5,22 @@
 #include "KyrCommandLine.h"
 #include "KyrSession.h"
 #include "TlsServer.h"
-#include "UsbKyr.h"
 #include "Tools/Common/H264Encoder.h"
 #include "Tools/Common/Recorder.h"
 #include "Tools/Common/WavWriter.h"
+#include "UsbKyr.h"
 
 #include <QCoreApplication>
-#include <memory>
 #include <QFile>
 #include <QHostAddress>
 #include <QTimer>
+#include <memory>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
 
 using namespace kyrsim;
 using simcommon::Recorder;
@@ -59,10 +63,32 @@ bool LoadIdentity(const KyrOptions& options, QSslCertificate* certificate, QSslK
     return true;
 }
 
+// kyr-sim --usb sends its testbed's plug and unplug events from this
+// process, and umockdev does that only under its preload library: so it
+// starts itself again under it, before any thread exists.
+bool RunAgainUnderPreloadIfUsb(char* argv[])
+{
+    bool usb = false;
+    for (char** argument = argv + 1; *argument; ++argument) {
+        usb = usb || std::strcmp(*argument, "--usb") == 0 || std::strcmp(*argument, "-usb") == 0;
+    }
+    if (!usb || simcommon::EmulatedUsbDevice::InMockEnvironment()) {
+        return false;
+    }
+    const std::string preload = simcommon::EmulatedUsbDevice::PreloadValue();
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    execv("/proc/self/exe", argv);
+    std::perror("kyr-sim: can't start again under umockdev's preload library");
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
 {
+    if (RunAgainUnderPreloadIfUsb(argv)) {
+        return 1;
+    }
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kyr-sim"));
 
@@ -89,7 +115,8 @@ int main(int argc, char* argv[])
     simcommon::WavWriter usbWav;
     if (options.usb) {
         if (!usbRecorder.Open(options.recordFile, &message) ||
-            (!options.speakerWav.isEmpty() && !usbWav.Open(options.speakerWav, 2, 48000, &message))) {
+            (!options.speakerWav.isEmpty() &&
+             !usbWav.Open(options.speakerWav, 2, 48000, &message))) {
             PrintErr(message);
             return 2;
         }
