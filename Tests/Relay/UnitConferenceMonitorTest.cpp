@@ -5,6 +5,7 @@
 #include "Clients/Conference/ConferenceMonitor.h"
 #include "Tests/Relay/UnitQtApp.h"
 #include "Tests/Support/CapturingLogStore.h"
+#include "Tests/Support/LoneCopy.h"
 #include "Tests/Support/RawLocalClient.h"
 #include "Tests/Support/ScopedEnv.h"
 #include "Tests/Support/ScriptedLocalServer.h"
@@ -498,6 +499,10 @@ TEST_F(ConferenceMonitorTest, AHungServerCostsTheReplyTimeOut)
 
 TEST_F(ConferenceMonitorTest, StandaloneWithoutTheProgramStillListensAndSetsUpOnEachCallBack)
 {
+    // build/bin holds the program: the body runs where it doesn't.
+    if (RanInALoneCopy()) {
+        return;
+    }
     ASSERT_FALSE(QFileInfo::exists(ConferenceMonitor::VirtualDisplayProgram()));
     Serve();
     EXPECT_EQ(m_monitor.InitializeStandalone(0), static_cast<int32_t>(0x80000000u));
