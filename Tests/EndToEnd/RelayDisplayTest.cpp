@@ -7,11 +7,13 @@
 #include <csignal>
 #include <cstdio>
 #include <dirent.h>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace velorane::test {
 
@@ -19,6 +21,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr const char* kRelayLog = "VeloraneConference";
+constexpr const char* kProgramLog = "VeloraneVirtualDisplay";
 constexpr int kOutputWidth = 1920;
 constexpr int kHeight = 1080;
 
@@ -60,9 +64,21 @@ bool RelayDisplayTest::StartKyr()
     return m_scene.StartKyr(m_base, {"--password", "secret"});
 }
 
+std::string RelayDisplayTest::LogOf(const std::string& store) const
+{
+    std::string text;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(m_scene.LogFolder(), error)) {
+        if (entry.path().filename().string().rfind(store + "_", 0) == 0) {
+            text += ReadFile(entry.path().string());
+        }
+    }
+    return text;
+}
+
 size_t RelayDisplayTest::CountLog(const std::string& group, const std::string& message) const
 {
-    return CountLogLines(m_scene.LogText(), group, message);
+    return CountLogLines(LogOf(kRelayLog), group, message);
 }
 
 bool RelayDisplayTest::WaitForLog(const std::string& group, const std::string& message,
@@ -71,12 +87,27 @@ bool RelayDisplayTest::WaitForLog(const std::string& group, const std::string& m
     return WaitFor([&] { return CountLog(group, message) > 0; }, timeout);
 }
 
+bool RelayDisplayTest::WaitForProgramLog(const std::string& group, const std::string& message,
+                                         std::chrono::milliseconds timeout) const
+{
+    return WaitFor([&] { return CountLogLines(LogOf(kProgramLog), group, message) > 0; }, timeout);
+}
+
+size_t RelayDisplayTest::CountLogFrom(const std::string& function) const
+{
+    size_t count = 0;
+    for (const LogFileLine& line : ParseLogFile(LogOf(kRelayLog))) {
+        count += line.function == function ? 1 : 0;
+    }
+    return count;
+}
+
 size_t RelayDisplayTest::CountReconfigurations(const std::string& flags) const
 {
     static const std::regex kChanged(
         R"(Display configuration changed, calibrate displays 0x[0-9a-f]+ (.*))");
     size_t count = 0;
-    for (const LogFileLine& line : ParseLogFile(m_scene.LogText())) {
+    for (const LogFileLine& line : ParseLogFile(LogOf(kRelayLog))) {
         std::smatch match;
         if (line.group == kInformation && std::regex_match(line.message, match, kChanged) &&
             match[1] == flags) {
@@ -90,7 +121,7 @@ bool RelayDisplayTest::WaitForTheWatch() const
 {
     return WaitFor(
         [&] {
-            return m_scene.LogText().find("\tOriginal Main Display id=[0x") != std::string::npos;
+            return LogOf(kRelayLog).find("\tOriginal Main Display id=[0x") != std::string::npos;
         },
         30s);
 }
@@ -98,7 +129,7 @@ bool RelayDisplayTest::WaitForTheWatch() const
 int RelayDisplayTest::StockedDisplays() const
 {
     // The first count the watch logs is the one it stocks at its start.
-    for (const LogFileLine& line : ParseLogFile(m_scene.LogText())) {
+    for (const LogFileLine& line : ParseLogFile(LogOf(kRelayLog))) {
         int count = -1;
         if (line.function == "DetectDisplays" &&
             std::sscanf(line.message.c_str(), "DetectDisplays\xEF\xBC\x9Atotal Displays=[%d]",
@@ -134,6 +165,17 @@ bool RelayDisplayTest::WindowAt(const QRect& geometry)
 bool RelayDisplayTest::WaitForWindowAt(const QRect& geometry, std::chrono::milliseconds timeout)
 {
     return WaitFor([&] { return WindowAt(geometry); }, timeout);
+}
+
+void RelayDisplayTest::ExpectTheProgramsMonitorAt(const QRect& monitor)
+{
+    ASSERT_TRUE(WaitFor([&] { return MonitorAt(monitor.x(), monitor.y()); }, 30s))
+        << m_tools->MonitorsText() << m_scene.LogText();
+    const ListedMonitor listed = *VirtualMonitor();
+    EXPECT_EQ(listed.width, monitor.width());
+    EXPECT_EQ(listed.height, monitor.height());
+    EXPECT_TRUE(listed.outputs.empty());
+    EXPECT_FALSE(listed.automatic);
 }
 
 void RelayDisplayTest::ExpectWindowPlacedOn(const QRect& monitor)
@@ -176,7 +218,7 @@ pid_t RelayDisplayTest::ProgramPid() const
 {
     static const std::regex kStarted(R"(\tProcess id \[(\d+)\]\t)");
     std::smatch match;
-    const std::string log = m_scene.LogText();
+    const std::string log = LogOf(kProgramLog);
     return std::regex_search(log, match, kStarted) ? std::stoi(match[1]) : -1;
 }
 
@@ -201,7 +243,20 @@ int RelayDisplayTest::WaitForAdoptedExit(pid_t pid, std::chrono::milliseconds ti
     return code;
 }
 
-long RelayDisplayTest::CpuTicks(pid_t pid)
+void RelayDisplayTest::TearDown()
+{
+    if (m_adopted > 0) {
+        kill(m_adopted, SIGKILL);
+        WaitForAdoptedExit(m_adopted, 10s);
+        m_adopted = -1;
+    }
+}
+
+namespace {
+
+// The processor time a process has used, in clock ticks; -1 when it isn't
+// there.
+long CpuTicks(pid_t pid)
 {
     // Fields 14 and 15 of /proc/PID/stat, after the name in parentheses.
     const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
@@ -222,6 +277,20 @@ long RelayDisplayTest::CpuTicks(pid_t pid)
         }
     }
     return user < 0 || system < 0 ? -1 : user + system;
+}
+
+} // namespace
+
+void RelayDisplayTest::ExpectIdle(pid_t pid)
+{
+    const long before = CpuTicks(pid);
+    ASSERT_GE(before, 0) << "no process " << pid;
+    std::this_thread::sleep_for(2s);
+    const long after = CpuTicks(pid);
+    ASSERT_GE(after, 0) << "process " << pid << " ended";
+    // A loop that never waits takes a core, or what a loaded machine
+    // leaves of one; waiting takes next to nothing.
+    EXPECT_LT(after - before, sysconf(_SC_CLK_TCK) / 2) << "ticks used in 2 s";
 }
 
 pid_t RelayDisplayTest::RelayStartedByClient()

@@ -34,6 +34,9 @@ inline constexpr const char* kSevere = "* Severe      *";
 class RelayDisplayTest : public ::testing::Test
 {
 protected:
+    // Ends an adopted program that a failed test left behind.
+    void TearDown() override;
+
     // An X server whose screen is screenWidth by 1080 around one 1920x1080
     // output at the left; the scene's processes show their windows there.
     // With growFromOutput the screen starts at the output's size and may
@@ -45,11 +48,20 @@ protected:
     std::vector<std::string> RelayArguments(bool withKyr = true) const;
     bool StartKyr();
 
-    // The relay's log (the program's log lines are in the same folder and
-    // never share a message with it).
+    // The log files of one log store, concatenated: the relay's is
+    // "VeloraneConference", our program's "VeloraneVirtualDisplay"; both
+    // write to the scene's one log folder.
+    std::string LogOf(const std::string& store) const;
+    // Lines of the relay's log.
     size_t CountLog(const std::string& group, const std::string& message) const;
     bool WaitForLog(const std::string& group, const std::string& message,
                     std::chrono::milliseconds timeout) const;
+    // Lines of our program's log, once there (it writes them on a thread
+    // of its own, a moment after the event).
+    bool WaitForProgramLog(const std::string& group, const std::string& message,
+                           std::chrono::milliseconds timeout) const;
+    // The relay's log lines from this function.
+    size_t CountLogFrom(const std::string& function) const;
     // Lines of the display watch's "Display configuration changed" whose
     // flags read as given, "flags=0x10( kCGDisplayAddFlag)".
     size_t CountReconfigurations(const std::string& flags) const;
@@ -64,6 +76,8 @@ protected:
     bool WindowAt(const QRect& geometry);
     bool WaitForWindowAt(const QRect& geometry, std::chrono::milliseconds timeout);
 
+    // Our program's monitor stands at monitor, backed by no output.
+    void ExpectTheProgramsMonitorAt(const QRect& monitor);
     // The relay tells where the monitor is and its window goes there.
     void ExpectWindowPlacedOn(const QRect& monitor);
     // The area shows kyr-sim's eight colour bars within 30 s.
@@ -81,9 +95,9 @@ protected:
     // The exit code of an adopted program once it has ended; -1 when it
     // didn't within the time.
     int WaitForAdoptedExit(pid_t pid, std::chrono::milliseconds timeout);
-    // The processor time a process has used, in clock ticks; -1 when it
-    // isn't there.
-    static long CpuTicks(pid_t pid);
+    // The process uses next to no processor time for 2 s: whatever it
+    // waits for, it doesn't spin.
+    void ExpectIdle(pid_t pid);
     // The relay that client-sim started: client-sim's one child.
     pid_t RelayStartedByClient();
 
@@ -94,6 +108,8 @@ protected:
     std::unique_ptr<XDisplayTools> m_tools;
     int m_base = -1;
     int m_grabs = 0;
+    // The program that an adopting test found the relay started.
+    pid_t m_adopted = -1;
 };
 
 } // namespace velorane::test
