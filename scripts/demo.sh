@@ -212,6 +212,18 @@ else
     seconds="${seconds:-30}"
 fi
 
+# Waits up to TENTHS tenths of a second until FILE holds TEXT, while the
+# process PID lives; fails when it doesn't.
+wait_for_output() {
+    local file="$1" text="$2" pid="$3" tenths="$4"
+    for _ in $(seq "$tenths"); do
+        grep -q "$text" "$file" && return 0
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    grep -q "$text" "$file"
+}
+
 # kyr-sim listens on the base port plus 3; the relay also takes UDP ports
 # base + 7 and + 8. Try random bases until kyr-sim can listen.
 base=""
@@ -224,12 +236,7 @@ for _ in $(seq 20); do
         --speaker-wav "$build/demo-audio.wav" --mic-unsolicited 500 \
         >"$logs/kyr-sim.out" 2>"$logs/kyr-sim.err" &
     kyr_pid=$!
-    for _ in $(seq 100); do
-        grep -q "listening on" "$logs/kyr-sim.out" && break
-        kill -0 "$kyr_pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if grep -q "listening on" "$logs/kyr-sim.out"; then
+    if wait_for_output "$logs/kyr-sim.out" "listening on" "$kyr_pid" 100; then
         base="$candidate"
         break
     fi
@@ -249,12 +256,7 @@ echo "demo: kyr-sim serves the test picture on 127.0.0.1:$((base + 3))"
     --record "$logs/driver-sim.record" --mic-wav "$build/demo-microphone.wav" \
     --time-limit $((seconds + 30)) >"$logs/driver-sim.out" 2>"$logs/driver-sim.err" &
 driver_pid=$!
-for _ in $(seq 50); do
-    grep -q "driver-sim: ready" "$logs/driver-sim.out" && break
-    kill -0 "$driver_pid" 2>/dev/null || break
-    sleep 0.1
-done
-if grep -q "driver-sim: ready" "$logs/driver-sim.out"; then
+if wait_for_output "$logs/driver-sim.out" "driver-sim: ready" "$driver_pid" 50; then
     echo "demo: driver-sim plays a 1 kHz tone into the relay"
 else
     echo "demo: driver-sim didn't start, no audio this time (see $logs/driver-sim.err)" >&2
@@ -269,12 +271,8 @@ if [[ "$virtual_monitor" -eq 1 ]]; then
     monitor_arguments=(--width 1280 --height 720)
     "$bin/VeloraneVirtualDisplay" >"$logs/virtual-display.out" 2>&1 &
     display_pid=$!
-    for _ in $(seq 100); do
-        grep -q "Serving VIRTUAL_MONITOR_SERVER" "$logs/virtual-display.out" && break
-        kill -0 "$display_pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    grep -q "Serving VIRTUAL_MONITOR_SERVER" "$logs/virtual-display.out" || {
+    wait_for_output "$logs/virtual-display.out" "Serving VIRTUAL_MONITOR_SERVER" \
+        "$display_pid" 100 || {
         echo "demo: VeloraneVirtualDisplay didn't start (see $logs/virtual-display.out)" >&2
         exit 1
     }
