@@ -37,10 +37,10 @@ public:
 
     int Run();
 
-private:
-    // About 340 ms of audio each way.
+    // Each ring's size: about 340 ms of audio each way.
     static constexpr size_t kRingFrames = 16384;
 
+private:
     bool Start();
     void OnSignal(const char* name);
     void OnPipeWireGone(const std::string& why);

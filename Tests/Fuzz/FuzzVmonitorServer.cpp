@@ -11,9 +11,9 @@
 // hung up.
 
 #include "Common/Platform/Linux/Src/LocalSocketPath.h"
-#include "Common/VirtualMonitor/Src/IpcClient.h"
 #include "Common/VirtualMonitor/Src/IpcServer.h"
 #include "Tests/Fuzz/FuzzSupport.h"
+#include "Tests/Fuzz/VmonitorFuzzSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -162,16 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     // Every whole reply is one the relay takes apart.
-    IpcClient parser;
-    int messageSize = 0;
-    while (parser.ParseData(replies, messageSize) && messageSize >= 11) {
-        QByteArray reply = replies.left(messageSize);
-        replies = replies.mid(messageSize);
-        int result = 0;
-        tVmRect rect;
-        bool found = false;
-        VELORANE_FUZZ_CHECK(IpcClient::ParseReplyMessage(&reply, &result, &found, &rect));
-    }
+    velorane::fuzz::ParseReplies(replies);
 
     peer.abort();
     waited.restart();

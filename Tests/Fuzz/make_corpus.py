@@ -4,7 +4,7 @@
 Run by hand from the repository root, with the emulators built in build/
 (ninja -C build kyr-sim client-sim vdisplay-sim driver-sim):
 
-    python3 Tests/Fuzz/make_corpus.py [--out Tests/Fuzz/corpus]
+    python3 Tests/Fuzz/make_corpus.py [--out Tests/Fuzz/corpus] [--programs-only]
 
 Each emulator is started on loopback or a private socket folder and spoken
 to the way the relay speaks to it; what it answers (or sends) is written in
@@ -346,6 +346,154 @@ def vmonitor_seeds(out, work):
         write(out, "vmonitor_server", name + "-requests-split", split_seed(cut(stream, [3, 9, 1, 40]), head2))
 
 
+def relay_monitor_requests():
+    """The requests the relay's ConferenceMonitor sends, in its order: the
+    monitor's resolution with the relay's tag (250), the conference at its
+    own size, the calibration, the cursor cage on its window, the end."""
+    return [
+        vmonitor_request(0xA144, struct.pack(">iiB", 1920, 1080, 250)),
+        vmonitor_request(0xA13D, struct.pack(">ii", 1280, 720)),
+        vmonitor_request(0xA147),
+        vmonitor_request(0xA143, struct.pack(">?q", True, 0x4A00007)),
+        vmonitor_request(0xA13F),
+    ]
+
+
+def vdisplay_program_seeds(out):
+    """Request streams for the display program itself; the first value from
+    the end says whether the monitor arrives (0) or not within the input."""
+    relay = relay_monitor_requests()
+
+    def seed(name, pieces, arrives=True):
+        write(out, "vdisplay_program", name, split_seed(pieces, Tail().integral(0 if arrives else 1, 1)))
+
+    seed("conference", relay)
+    seed("conference-no-monitor", relay, arrives=False)
+    seed("conference-split", cut(b"".join(relay), [3, 9, 1, 40]))
+    seed("conference-one-piece", [b"".join(relay)])
+    for request in relay:
+        command = struct.unpack(">H", request[4:6])[0]
+        seed("alone-%x" % command, [request])
+    seed("resolution-invalid", [vmonitor_request(0xA144, struct.pack(">iiB", 0, -1080, 250)),
+                                vmonitor_request(0xA13D, struct.pack(">ii", 99999, 720))])
+    seed("extended-and-reserved", [
+        vmonitor_request(0xA13E), vmonitor_request(0xA140),
+        vmonitor_request(0xA141, struct.pack(">iiii", 0, 0, 640, 480)),
+        vmonitor_request(0xA142), vmonitor_request(0xA148)])
+    seed("holes-and-strangers", [
+        vmonitor_request(0xA145), vmonitor_request(0x1234),
+        struct.pack(">ihb", 7, 0xA13F - 0x10000, 1),
+        struct.pack(">ihb", 0, 0xA147 - 0x10000, 0),
+        struct.pack(">ihb", -1, 0xA147 - 0x10000, 0)])
+
+
+class DriverSteps:
+    """An input of the audio driver program target: its steps' values from
+    the end, the datagrams from the front."""
+
+    def __init__(self, base_port=None):
+        self.front = b""
+        self.tail = Tail().integral(1 if base_port else 0, 1)
+        if base_port:
+            self.tail.integral(base_port - 1, 2)
+
+    def datagram(self, kind, data):
+        self.tail.integral(kind, 1).integral(len(data), 2)
+        self.front += data
+        return self
+
+    def address(self, data):
+        return self.datagram(0, data)
+
+    def microphone(self, data):
+        return self.datagram(1, data)
+
+    def cycle(self, frames):
+        self.tail.integral(2, 1).integral(frames - 1, 2)
+        return self
+
+    def clock(self, ms):
+        self.tail.integral(3, 1).integral(ms, 2)
+        return self
+
+    def announce(self):
+        self.tail.integral(4, 1)
+        return self
+
+    def bytes(self):
+        return self.front + self.tail.bytes()
+
+
+def relay_address(ip, port, password):
+    """The Kyr's address as the relay's audio manager sends it to 9002."""
+    text = password.encode()
+    return struct.pack(">4sHQ", socket.inet_aton(ip), port, len(text)) + text
+
+
+def audio_driver_program_seeds(out):
+    """The relay's datagrams to the driver. The microphone audio is the
+    Kyr's own, recorded from kyr-sim in the audio_kyr_payload seeds, turned
+    into datagrams as the relay does: the time stamp, then the samples, at
+    most 882 frames a datagram."""
+    folder = os.path.join(out, "audio_kyr_payload")
+    samples = b""
+    for name in sorted(os.listdir(folder)):
+        if name.startswith("seed-payload-") and name.endswith("-62eb"):
+            with open(os.path.join(folder, name), "rb") as f:
+                payload = f.read()[:-1]
+            count = struct.unpack(">i", payload[8:12])[0]
+            samples += payload[12:12 + 4 * count]
+    if not samples:
+        raise RuntimeError("no microphone payloads in audio_kyr_payload")
+    # 10 ms a datagram, the Kyr's frames over and over: enough for the
+    # playout to start.
+    frames = 480
+
+    def mic(stamp, count=frames):
+        body = (samples * (1 + 4 * count // len(samples)))[:4 * count]
+        return struct.pack(">Q", stamp) + body
+
+    hello = relay_address("192.168.1.20", 7000, "s3cret")
+    goodbye = relay_address("0.0.0.0", 0, "")
+
+    def playing(steps, first_stamp, datagrams):
+        for i in range(datagrams):
+            steps.microphone(mic(first_stamp + i * frames)).clock(10).cycle(480)
+        return steps
+
+    steps = playing(DriverSteps().address(hello).announce(), 0, 8)
+    write(out, "audio_driver_program", "address-then-microphone", steps.bytes())
+    steps = playing(DriverSteps(7000).announce(), 4800, 8)
+    write(out, "audio_driver_program", "started-with-base-port", steps.bytes())
+    steps = playing(DriverSteps().address(hello), 0, 3).address(goodbye).clock(600)
+    steps = playing(steps.address(hello), 0, 3)
+    write(out, "audio_driver_program", "goodbye-and-back", steps.bytes())
+    steps = playing(DriverSteps().address(hello), 0, 3)
+    steps = playing(steps.address(relay_address("192.168.1.21", 7100, "other")), 0, 3)
+    write(out, "audio_driver_program", "relay-moves", steps.bytes())
+    steps = DriverSteps(7000)
+    for stamp in (0, 2 * frames, frames, frames, 5 * frames):
+        steps.microphone(mic(stamp))
+    steps.clock(50).cycle(480).microphone(mic(3 * 48000)).clock(10).cycle(1024)
+    write(out, "audio_driver_program", "out-of-order-lost-restart", steps.bytes())
+    steps = DriverSteps(7000).microphone(mic(0, 882)).microphone(mic(882, 118))
+    steps.cycle(256).cycle(8192)
+    write(out, "audio_driver_program", "long-response-split", steps.bytes())
+    steps = DriverSteps(7000)
+    for i in range(8):
+        steps.microphone(mic(i * 882, 882))
+    steps.cycle(128).cycle(128)
+    write(out, "audio_driver_program", "graph-suspended", steps.bytes())
+    steps = DriverSteps()
+    steps.address(hello[:13]).address(hello + b"x").address(relay_address("192.168.1.20", 0, "pw"))
+    steps.address(relay_address("192.168.1.20", 65530, "pw")).microphone(mic(0)).announce()
+    write(out, "audio_driver_program", "refused-addresses", steps.bytes())
+    steps = DriverSteps(7000)
+    for length in (0, 1, 7, 8, 9, 11, 13):
+        steps.microphone(mic(0)[:length])
+    write(out, "audio_driver_program", "short-microphone", steps.bytes())
+
+
 def driver_exchange(work):
     """Datagrams driver-sim sends the relay's speaker port: announces and
     speaker audio, then, once told an address, its malformed sweep."""
@@ -429,30 +577,50 @@ def command_line_seeds(out):
         write(out, "command_line", name, b"\x00".join(w.encode() for w in words))
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--out", default=os.path.join(ROOT, "Tests", "Fuzz", "corpus"))
-    args = parser.parse_args()
-    for tool in ("kyr-sim", "client-sim", "vdisplay-sim", "driver-sim"):
-        if not os.access(os.path.join(BIN, tool), os.X_OK):
-            sys.exit("make_corpus.py: build %s first (ninja -C build %s)" % (tool, tool))
-    # Old seeds go; regression inputs stay.
-    for target in os.listdir(args.out) if os.path.isdir(args.out) else []:
-        folder = os.path.join(args.out, target)
+def remove_seeds(out, targets=None):
+    """Old seeds go; regression inputs stay."""
+    for target in os.listdir(out) if os.path.isdir(out) else []:
+        if targets is not None and target not in targets:
+            continue
+        folder = os.path.join(out, target)
         for name in os.listdir(folder):
             if name.startswith("seed-"):
                 os.remove(os.path.join(folder, name))
-    work = tempfile.mkdtemp(prefix="velorane-corpus-")
-    os.chmod(work, 0o700)
-    try:
-        kyr_seeds(args.out, kyr_exchange(work))
-        client_seeds(args.out, work)
-        vmonitor_seeds(args.out, work)
-        driver_seeds(args.out, work)
-        tunnel_seeds(args.out)
-        command_line_seeds(args.out)
-    finally:
-        shutil.rmtree(work, ignore_errors=True)
+
+
+def program_seeds(out):
+    """The seeds of the programs shipped beside the relay, which need no
+    emulator (the microphone audio comes from the audio_kyr_payload seeds)."""
+    remove_seeds(out, ("vdisplay_program", "audio_driver_program"))
+    vdisplay_program_seeds(out)
+    audio_driver_program_seeds(out)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--out", default=os.path.join(ROOT, "Tests", "Fuzz", "corpus"))
+    parser.add_argument("--programs-only", action="store_true",
+                        help="only the display program's and the audio driver's seeds")
+    args = parser.parse_args()
+    if args.programs_only:
+        program_seeds(args.out)
+    else:
+        for tool in ("kyr-sim", "client-sim", "vdisplay-sim", "driver-sim"):
+            if not os.access(os.path.join(BIN, tool), os.X_OK):
+                sys.exit("make_corpus.py: build %s first (ninja -C build %s)" % (tool, tool))
+        remove_seeds(args.out)
+        work = tempfile.mkdtemp(prefix="velorane-corpus-")
+        os.chmod(work, 0o700)
+        try:
+            kyr_seeds(args.out, kyr_exchange(work))
+            client_seeds(args.out, work)
+            vmonitor_seeds(args.out, work)
+            driver_seeds(args.out, work)
+            tunnel_seeds(args.out)
+            command_line_seeds(args.out)
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+        program_seeds(args.out)
     for target in sorted(os.listdir(args.out)):
         folder = os.path.join(args.out, target)
         sizes = [os.path.getsize(os.path.join(folder, n)) for n in os.listdir(folder)]

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <netinet/in.h>
 #include <sstream>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -69,6 +70,7 @@ bool ChildProcess::Start(const Options& options)
         }
     }
 
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         if (output >= 0) {
@@ -77,6 +79,10 @@ bool ChildProcess::Start(const Options& options)
         return false;
     }
     if (pid == 0) {
+        if (options.endWithParent &&
+            (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)) {
+            _exit(127);
+        }
         const int devNull = open("/dev/null", O_RDONLY);
         if (devNull >= 0) {
             dup2(devNull, STDIN_FILENO);

@@ -25,6 +25,10 @@ public:
         std::vector<std::string> unset;
         // Where standard output and error go.
         std::string outputFile;
+        // The child is killed when the thread that started it ends, also
+        // when this process dies without cleaning up (a crash, the end of a
+        // fuzz run whose objects are never destroyed).
+        bool endWithParent = false;
     };
 
     ChildProcess() = default;

@@ -70,6 +70,7 @@ bool PrivateXServer::Start(const Options& options)
                       "-noreset",
                       "-br"};
         child.outputFile = options.folder + "/xvfb-" + std::to_string(number) + ".out";
+        child.endWithParent = options.endWithParent;
         if (!m_server.Start(child)) {
             return false;
         }

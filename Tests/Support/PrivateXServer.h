@@ -28,6 +28,9 @@ public:
         int outputHeight = 0;
         // Where the server's output goes.
         std::string folder;
+        // The server ends with the thread that started it, even when this
+        // process never gets to stop it (ChildProcess::Options).
+        bool endWithParent = false;
     };
 
     // One 1920x1080 output at the left of a screen screenWidth wide, with
