@@ -4,8 +4,8 @@
 #   build-asan/  AddressSanitizer + UndefinedBehaviorSanitizer, every test;
 #   build-tsan/  ThreadSanitizer, the tests of code that doesn't use Qt;
 # then builds the fuzz tree build-fuzz/ and gives every fuzz target a short
-# smoke run on its corpus (VELORANE_FUZZ_SMOKE_SECONDS each, default 15;
-# 0 leaves the fuzz tree out). GUI tests get a private Xvfb when no DISPLAY
+# smoke run on its corpus, two at a time (VELORANE_FUZZ_SMOKE_SECONDS each,
+# default 10; 0 leaves the fuzz tree out). GUI tests get a private Xvfb when no DISPLAY
 # is set. Exits non-zero on any failure; the last lines are CTest's own
 # summary, or, when the smoke runs find something, the fuzz script's.
 set -euo pipefail
@@ -54,11 +54,12 @@ configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DVELORANE_SANITIZE=thre
     -DVELORANE_QT=OFF -DVELORANE_BUILD_BENCHMARKS=OFF -DVELORANE_BUILD_TOOLS=OFF
 
 # The fuzz smoke runs: any crash, leak or sanitizer report fails the script.
-# They run before the last suite, so that CTest's summary stays last.
-FUZZ_SMOKE_SECONDS="${VELORANE_FUZZ_SMOKE_SECONDS:-15}"
+# They run before the last suite, so that CTest's summary stays last; two
+# at a time, which keeps the step near a minute and a half for the budget.
+FUZZ_SMOKE_SECONDS="${VELORANE_FUZZ_SMOKE_SECONDS:-10}"
 if [ "$FUZZ_SMOKE_SECONDS" -gt 0 ]; then
-    echo "== fuzz smoke runs, ${FUZZ_SMOKE_SECONDS} s each"
-    "$ROOT/scripts/fuzz.sh" --seconds "$FUZZ_SMOKE_SECONDS"
+    echo "== fuzz smoke runs, ${FUZZ_SMOKE_SECONDS} s each, two at a time"
+    "$ROOT/scripts/fuzz.sh" --seconds "$FUZZ_SMOKE_SECONDS" --jobs 2
 fi
 
 run_suite build-tsan -L nonqt
