@@ -487,6 +487,31 @@ TEST(RelayEndToEndTest, ConnectUsbWithoutAnAddressDoesNothing)
     EXPECT_EQ(CountPrefix(scene.ClientRecords(), "message "), 0u);
 }
 
+// An exception other than the parser's isn't caught: it ends the process.
+// The one the relay can meet is the audio manager's, when its driver
+// socket can't be made (no descriptor left) while the relay starts.
+TEST(RelayEndToEndTest, ExceptionOutsideTheParserEndsTheProcess)
+{
+    EndToEndScene scene;
+    scene.RefuseUdpSockets();
+    ASSERT_TRUE(scene.StartClient({"wait:20000"}, {"-m"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    // client-sim's code for a relay that died by a signal: std::terminate's
+    // abort.
+    EXPECT_EQ(code, 4) << scene.Client().Output();
+    const std::string out = scene.Client().Output();
+    EXPECT_NE(out.find("client-sim: relay crashed"), std::string::npos) << out;
+    EXPECT_NE(out.find("terminate called after throwing an instance of "
+                       "'quorvan::UdpUtilRuntimeError'"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("could not create socket for: \"127.0.0.1:9002\""), std::string::npos)
+        << out;
+    const std::string log = scene.LogText();
+    EXPECT_EQ(log.find("----------------END----------------"), std::string::npos) << log;
+}
+
 // A log folder that can't be made (the data folder is a file) stops
 // nothing: no log file is written, and the relay runs and ends as usual.
 TEST(RelayEndToEndTest, LogFolderThatCantBeMadeDoesNotStopTheRelay)
