@@ -314,3 +314,57 @@ TEST(VideoDecoderStepTest, ReceiveErrorGivesNoPictureThatPassAndDecodingGoesOn)
     EXPECT_EQ(recorder.Count(), 3u);
     EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
 }
+
+TEST(VideoDecoderStepTest, PacketRefusedWhileAPictureWaitsIsLost)
+{
+    const H264Stream stream = EncodeTestPattern(320, 240, 5);
+    ASSERT_EQ(stream.accessUnits.size(), 5u);
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    auto deliver = [&](size_t unit) {
+        ASSERT_TRUE(
+            decoder->DeliverFrame(MakeFrame(stream.accessUnits[unit], static_cast<int>(unit))));
+    };
+    // Unit 0 comes out of the parser with unit 1 and is decoded; its
+    // picture waits inside the decoder.
+    deliver(0);
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    deliver(1);
+    EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+    // Unit 1 goes in beside it, as a second packet of that pass would, and
+    // waits in front of the decoder.
+    AVPacket* packet = av_packet_alloc();
+    ASSERT_NE(packet, nullptr);
+    std::vector<uint8_t> bytes = stream.accessUnits[1];
+    packet->data = bytes.data();
+    packet->size = static_cast<int>(bytes.size());
+    EXPECT_EQ(avcodec_send_packet(Access::SoftwareContext(*decoder), packet), 0);
+    av_packet_free(&packet);
+
+    // With nothing received yet, the parser's unit 1 finds the decoder full:
+    // it is refused and not sent again.
+    capture->Clear();
+    deliver(2);
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    EXPECT_EQ(capture->Messages(),
+              std::vector<std::string>{"VideoDecoder: breaking to receive frames!"});
+    EXPECT_TRUE(
+        capture->Contains(EGroupValueInformation, "VideoDecoder: breaking to receive frames!"));
+    while (Access::ReceiveDeliverFrames(*decoder)) {
+    }
+    EXPECT_EQ(recorder.Count(), 2u);
+
+    // The units behind it decode as usual, and no picture comes twice.
+    for (size_t unit = 3; unit < stream.accessUnits.size(); ++unit) {
+        deliver(unit);
+        EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+        EXPECT_TRUE(Access::ReceiveDeliverFrames(*decoder));
+    }
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 4u);
+    EXPECT_EQ(capture->Count("VideoDecoder: breaking to receive frames!"), 1u);
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 0u);
+}
