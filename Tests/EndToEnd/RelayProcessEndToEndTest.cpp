@@ -277,8 +277,9 @@ TEST(RelayProcessEndToEndTest, ClosingTheWindowEndsTheRelayAndTellsTheClient)
 {
     EndToEndScene scene;
     PrivateXServer display;
-    ASSERT_TRUE(display.Start(PrivateXServer::Options{1920, 1080, 0, 0, scene.Dir().Path()}))
-        << "no private X server";
+    PrivateXServer::Options options;
+    options.folder = scene.Dir().Path();
+    ASSERT_TRUE(display.Start(options)) << "no private X server";
     XDisplayTools tools(display.Name());
     scene.ShowOnDisplay(display.Name());
     const std::string name = "Velorane relay closed";

@@ -10,6 +10,7 @@
 #include "Tests/Support/ChildProcess.h"
 
 #include <string>
+#include <vector>
 
 namespace velorane::test {
 
@@ -28,6 +29,9 @@ public:
         int outputHeight = 0;
         // Where the server's output goes.
         std::string folder;
+        // More of Xvfb's options, such as "-extension RANDR" for a server
+        // without RandR.
+        std::vector<std::string> arguments;
     };
 
     // One 1920x1080 output at the left of a screen screenWidth wide, with
@@ -44,6 +48,7 @@ public:
     // ":N".
     const std::string& Name() const { return m_name; }
     bool Running() { return m_server.Running(); }
+    pid_t Pid() const { return m_server.Pid(); }
     // Ends the server, as a crash of the X server would for its clients.
     void Stop();
 
