@@ -1,6 +1,7 @@
 // The driver finds the relay from the address messages on its control
 // port, follows it to another base port, stops its speaker audio when the
-// relay says goodbye, and survives garbage of every length on its ports.
+// relay says goodbye, survives garbage of every length on its ports, and
+// takes a port another program holds once it is free.
 
 #include "Tests/AudioDriver/DriverWire.h"
 #include "Tests/EndToEnd/EndToEndHarness.h"
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -173,4 +175,51 @@ TEST_F(AudioDriverLinkTest, GarbageOfEveryLengthOnItsPortsLeavesItWorking)
                             "Relay at base port " + std::to_string(next) + ", Kyr 127.0.0.1"),
               1u)
         << log;
+}
+
+TEST_F(AudioDriverLinkTest, PortsHeldByAnotherProgramAreTakenOnceFree)
+{
+    const int base = AudioUdpPeer::FreeBasePort();
+    AudioUdpPeer relay(base + 8);
+    auto heldControl = std::make_unique<AudioUdpPeer>(m_controlPort);
+    auto heldMicrophone = std::make_unique<AudioUdpPeer>(base + 7);
+    ASSERT_TRUE(relay.Bound());
+    ASSERT_TRUE(heldControl->Bound());
+    ASSERT_TRUE(heldMicrophone->Bound());
+    ASSERT_TRUE(m_scene.StartDriver(
+        {"--base-port", std::to_string(base), "--control-port", std::to_string(m_controlPort)}))
+        << m_scene.Driver().Output();
+
+    const std::string control = "127.0.0.1:" + std::to_string(m_controlPort);
+    const std::string microphone = "127.0.0.1:" + std::to_string(base + 7);
+    ASSERT_TRUE(m_scene.WaitForDriverOutput("No relay messages until " + control, 5s))
+        << m_scene.Driver().Output();
+    ASSERT_TRUE(m_scene.WaitForDriverOutput("No microphone audio until " + microphone, 5s));
+    // Without its ports it still announces itself to the relay it was told of.
+    EXPECT_TRUE(WaitFor([&] { return CountCommand(Collect(relay, 100ms), 3) > 0; }, 5s));
+    heldControl.reset();
+    heldMicrophone.reset();
+    // Tried again each second: both are taken within a few.
+    ASSERT_TRUE(m_scene.WaitForDriverOutput("Waiting for the relay on " + control, 5s))
+        << m_scene.Driver().Output();
+    ASSERT_TRUE(m_scene.WaitForDriverOutput("Microphone audio on " + microphone, 5s));
+    EXPECT_FALSE(AudioUdpPeer(base + 7).Bound());
+
+    // The control port now hears the relay.
+    const int next = AudioUdpPeer::FreeBasePort();
+    AudioUdpPeer moved(next + 8);
+    ASSERT_TRUE(SendControl(AddressMessage(0x7F000001, static_cast<uint16_t>(next), "")));
+    EXPECT_TRUE(WaitFor([&] { return CountCommand(Collect(moved, 100ms), 3) > 0; }, 5s));
+
+    const std::string log = m_scene.DriverLog();
+    EXPECT_GE(CountLogLines(log, kWarning,
+                            "No relay messages until " + control +
+                                " is free: could not bind UDP socket with: \"" + control + "\""),
+              1u)
+        << log;
+    EXPECT_GE(CountLogLines(log, kWarning,
+                            "No microphone audio until " + microphone +
+                                " is free: could not bind UDP socket with: \"" + microphone + "\""),
+              1u);
+    EXPECT_EQ(CountLogLines(log, kInformation, "Waiting for the relay on " + control), 1u);
 }

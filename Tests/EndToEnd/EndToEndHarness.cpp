@@ -102,22 +102,29 @@ bool EndToEndScene::StartKyr(int basePort, const std::vector<std::string>& extra
 
 namespace {
 
-// The preload library, behind AddressSanitizer's runtime when this test (and
+// A preload library, behind AddressSanitizer's runtime when this test (and
 // so the relay beside it) is built with it: the runtime must come first.
-std::string UmockdevPreload()
+std::string PreloadBehindSanitizer(const std::string& library)
 {
     std::ifstream maps("/proc/self/maps");
     std::string line;
     while (std::getline(maps, line)) {
         const size_t at = line.find('/');
         if (at != std::string::npos && line.find("/libasan.so") != std::string::npos) {
-            return line.substr(at) + ":libumockdev-preload.so.0";
+            return line.substr(at) + ":" + library;
         }
     }
-    return "libumockdev-preload.so.0";
+    return library;
 }
 
 } // namespace
+
+void EndToEndScene::RefuseUdpSockets()
+{
+    SetEnvironment("LD_PRELOAD",
+                   PreloadBehindSanitizer(BinaryPath("libvelorane-fault-preload.so")));
+    SetEnvironment("VELORANE_FAULT_UDP_SOCKETS", "EMFILE");
+}
 
 bool EndToEndScene::UsbEmulationAvailable()
 {
@@ -153,7 +160,7 @@ bool EndToEndScene::StartUsbKyr(const std::vector<std::string>& extra, const std
         return false;
     }
     SetEnvironment("UMOCKDEV_DIR", output.substr(at, end - at));
-    SetEnvironment("LD_PRELOAD", UmockdevPreload());
+    SetEnvironment("LD_PRELOAD", PreloadBehindSanitizer("libumockdev-preload.so.0"));
     return true;
 }
 

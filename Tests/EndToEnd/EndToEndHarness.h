@@ -40,6 +40,10 @@ public:
     {
         return m_relayWrapper.empty() ? std::string() : m_dir.File("var-tmp");
     }
+    // From now on the scene's processes can't make a UDP socket: it fails
+    // with EMFILE, as when a process has no descriptor left
+    // (Tools/FaultPreload, preloaded).
+    void RefuseUdpSockets();
     // Starts kyr-sim on base port + 3 and waits until it listens. Returns
     // false when it didn't come up.
     bool StartKyr(int basePort, const std::vector<std::string>& extra = {});

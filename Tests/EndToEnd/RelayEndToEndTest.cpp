@@ -447,3 +447,95 @@ TEST(RelayEndToEndTest, ClientMessagesSplitAndMergedAreHandled)
 }
 
 } // namespace
+
+namespace {
+
+// Without the client link (standalone) the relay that loses the Kyr still
+// ends by itself: the quit message finds no link, and the quit goes on.
+TEST(RelayEndToEndTest, StandaloneRelayLosingTheKyrEndsWithNoClientToTell)
+{
+    EndToEndScene scene;
+    const int base = EndToEndScene::FreeBasePort();
+    ASSERT_TRUE(scene.StartKyr(base, {"--password", "secret", "--close-after", "0"}));
+    std::vector<std::string> arguments = TcpRelayArguments(base);
+    arguments.push_back("-n");
+    ASSERT_TRUE(scene.StartRelay(arguments));
+    int code = -1;
+    ASSERT_TRUE(scene.Relay().WaitForExit(40s, &code)) << scene.Relay().Output();
+    EXPECT_EQ(code, 0) << scene.Relay().Output();
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kWarning, "Skipping IPC communication!")) << log;
+    EXPECT_TRUE(HasLine(log, kSevere, "Socket error 1")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Internally told to quit")) << log;
+    EXPECT_FALSE(HasLine(log, kInformation, "IPC communication with VeloraneClient established"));
+}
+
+// Over USB with no Kyr address the transport's thread never starts: a
+// ConnectUsb from the client is queued to it and does nothing.
+TEST(RelayEndToEndTest, ConnectUsbWithoutAnAddressDoesNothing)
+{
+    EndToEndScene scene;
+    ASSERT_TRUE(scene.StartClient({"connect-usb", "wait:1000", "kill"}, {"-m"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0) << scene.Client().Output();
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_TRUE(HasLine(log, kWarning, "Skipping Relay communication!")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Received ConnectUsb")) << log;
+    // Connect was never called: it would have named libusb's version.
+    EXPECT_EQ(log.find("libusb version"), std::string::npos) << log;
+    EXPECT_FALSE(HasLine(log, kInformation, "Start Audio")) << log;
+    EXPECT_TRUE(HasLine(log, kInformation, "Externally told to quit.")) << log;
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), "message "), 0u);
+}
+
+// An exception other than the parser's isn't caught: it ends the process.
+// The one the relay can meet is the audio manager's, when its driver
+// socket can't be made (no descriptor left) while the relay starts.
+TEST(RelayEndToEndTest, ExceptionOutsideTheParserEndsTheProcess)
+{
+    EndToEndScene scene;
+    scene.RefuseUdpSockets();
+    ASSERT_TRUE(scene.StartClient({"wait:20000"}, {"-m"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    // client-sim's code for a relay that died by a signal: std::terminate's
+    // abort.
+    EXPECT_EQ(code, 4) << scene.Client().Output();
+    const std::string out = scene.Client().Output();
+    EXPECT_NE(out.find("client-sim: relay crashed"), std::string::npos) << out;
+    EXPECT_NE(out.find("terminate called after throwing an instance of "
+                       "'quorvan::UdpUtilRuntimeError'"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("could not create socket for: \"127.0.0.1:9002\""), std::string::npos)
+        << out;
+    const std::string log = scene.LogText();
+    EXPECT_EQ(log.find("----------------END----------------"), std::string::npos) << log;
+}
+
+// A log folder that can't be made (the data folder is a file) stops
+// nothing: no log file is written, and the relay runs and ends as usual.
+TEST(RelayEndToEndTest, LogFolderThatCantBeMadeDoesNotStopTheRelay)
+{
+    EndToEndScene scene;
+    const std::string blocker = scene.Dir().WriteFile("data-is-a-file", "not a folder\n");
+    scene.SetEnvironment("XDG_DATA_HOME", blocker);
+    ASSERT_TRUE(scene.StartClient({"start-scrape", "wait:500", "kill"}, {"-m"}));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code));
+    EXPECT_EQ(code, 0) << scene.Client().Output();
+    EXPECT_EQ(ReadFile(blocker), "not a folder\n");
+    EXPECT_FALSE(scene.LogFolderExists());
+    const auto client = scene.ClientRecords();
+    EXPECT_EQ(CountPrefix(client, "connected"), 1u);
+    EXPECT_EQ(CountPrefix(client, "disconnected"), 1u);
+    // The lines still reach standard output, down to the end.
+    const std::string out = scene.Client().Output();
+    EXPECT_NE(out.find("Received KillApplication"), std::string::npos) << out;
+    EXPECT_NE(out.find("----------------END----------------"), std::string::npos) << out;
+}
+
+} // namespace

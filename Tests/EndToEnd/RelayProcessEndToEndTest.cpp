@@ -3,15 +3,21 @@
 // SIGTERM and SIGINT. Against kyr-sim, client-sim and vdisplay-sim.
 
 #include "Tests/EndToEnd/EndToEndHarness.h"
+#include "Tests/Support/PrivateXServer.h"
+#include "Tests/Support/XDisplayTools.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <sys/stat.h>
 #include <thread>
+
+#include <xcb/xcb.h>
 
 using namespace velorane::test;
 using namespace std::chrono_literals;
@@ -216,6 +222,81 @@ TEST(RelayProcessEndToEndTest, KyrClosingDuringAStreamQuitsOnceAndTellsTheClient
     ExpectStartAndEnd(log);
     EXPECT_EQ(CountLines(log, kInformation, kQuitLineInternal), 1u) << log;
     EXPECT_EQ(CountLines(log, kInformation, kQuitLineExternal), 0u) << log;
+}
+
+// Asks the top-level window of this name to close, as a window manager's
+// close button does: the client message WM_DELETE_WINDOW of WM_PROTOCOLS.
+bool AskWindowToClose(XDisplayTools& tools, const std::string& name)
+{
+    std::string text;
+    if (tools.Run({"xwininfo", "-name", name}, &text) != 0) {
+        return false;
+    }
+    const size_t at = text.find("Window id: ");
+    if (at == std::string::npos) {
+        return false;
+    }
+    const auto window =
+        static_cast<xcb_window_t>(std::strtoul(text.c_str() + at + 11, nullptr, 16));
+    xcb_connection_t* connection = xcb_connect(tools.Display().c_str(), nullptr);
+    if (xcb_connection_has_error(connection)) {
+        xcb_disconnect(connection);
+        return false;
+    }
+    const auto atom = [connection](const char* atomName) {
+        xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
+            connection,
+            xcb_intern_atom(connection, 0, static_cast<uint16_t>(std::strlen(atomName)), atomName),
+            nullptr);
+        const xcb_atom_t value = reply ? reply->atom : static_cast<xcb_atom_t>(XCB_ATOM_NONE);
+        std::free(reply);
+        return value;
+    };
+    xcb_client_message_event_t event{};
+    event.response_type = XCB_CLIENT_MESSAGE;
+    event.format = 32;
+    event.window = window;
+    event.type = atom("WM_PROTOCOLS");
+    event.data.data32[0] = atom("WM_DELETE_WINDOW");
+    event.data.data32[1] = XCB_CURRENT_TIME;
+    xcb_send_event(connection, 0, window, XCB_EVENT_MASK_NO_EVENT,
+                   reinterpret_cast<const char*>(&event));
+    // A round trip before going: a request still unread when the
+    // connection closes is dropped by the server.
+    xcb_get_input_focus_reply_t* focus =
+        xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr);
+    const bool sent = focus != nullptr;
+    std::free(focus);
+    xcb_disconnect(connection);
+    return sent;
+}
+
+// The window closed from outside (a window manager's close button): the
+// relay ends by itself and tells the client.
+TEST(RelayProcessEndToEndTest, ClosingTheWindowEndsTheRelayAndTellsTheClient)
+{
+    EndToEndScene scene;
+    PrivateXServer display;
+    PrivateXServer::Options options;
+    options.folder = scene.Dir().Path();
+    ASSERT_TRUE(display.Start(options)) << "no private X server";
+    XDisplayTools tools(display.Name());
+    scene.ShowOnDisplay(display.Name());
+    const std::string name = "Velorane relay closed";
+    ASSERT_TRUE(scene.StartClient({"wait:30000"}, {"-m", "--name", name}));
+    WindowGeometry window;
+    ASSERT_TRUE(WaitUntil([&] { return tools.FindWindow(name, &window) && window.viewable; }, 20s))
+        << scene.LogText();
+
+    ASSERT_TRUE(AskWindowToClose(tools, name));
+    int code = -1;
+    ASSERT_TRUE(scene.Client().WaitForExit(40s, &code)) << scene.LogText();
+    EXPECT_EQ(code, 0) << scene.Client().Output();
+    const std::string log = scene.LogText();
+    ExpectStartAndEnd(log);
+    EXPECT_EQ(CountLines(log, kInformation, kQuitLineInternal), 1u) << log;
+    EXPECT_EQ(CountLines(log, kInformation, kQuitLineExternal), 0u) << log;
+    EXPECT_EQ(CountPrefix(scene.ClientRecords(), kQuitMessage), 1u);
 }
 
 // The relay with no display at all: what a service or an SSH shell gives.

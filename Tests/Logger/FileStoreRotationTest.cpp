@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+#include <sched.h>
+#include <sys/mount.h>
+
 using namespace quorvan;
 using velorane::test::FileStoreTestClock;
 using velorane::test::kLogName;
@@ -200,6 +203,50 @@ TEST_F(FileStoreRotationTest, LogFilesOfAnotherNameAreNeverDeleted)
     expected.push_back(Today(0));
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(ListNames(m_dir.Path()), expected);
+}
+
+// A file that can't be deleted is passed over, and seen again the next
+// time the files are counted. The oldest file is made a mount point (a file
+// bound over it, in a mount namespace of this test's own), which no one can
+// remove while it is mounted.
+TEST_F(FileStoreRotationTest, FileThatCantBeDeletedIsPassedOverAndTriedAgain)
+{
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    for (int day = 1; day <= 7; ++day) {
+        Touch(Name(2024, 6, day, 0));
+    }
+    TempDir elsewhere;
+    const std::string source = elsewhere.WriteFile("held", "held\n");
+    const std::string oldest = m_dir.File(Name(2024, 6, 1, 0));
+    ASSERT_EQ(::mount(source.c_str(), oldest.c_str(), nullptr, MS_BIND, nullptr), 0);
+
+    // Every message over the limit of 10 bytes opens a file of its own.
+    auto store = MakeStore(10);
+    Log(*store, "eighth");
+    // One file too many, and it can't go: all eight stay.
+    std::vector<std::string> expected;
+    for (int day = 1; day <= 7; ++day) {
+        expected.push_back(Name(2024, 6, day, 0));
+    }
+    expected.push_back(Today(0));
+    EXPECT_EQ(ListNames(m_dir.Path()), expected);
+
+    // Two too many: the held one is tried again and stays, the next goes.
+    Log(*store, "ninth");
+    expected.erase(expected.begin() + 1);
+    expected.push_back(Today(1));
+    EXPECT_EQ(ListNames(m_dir.Path()), expected);
+
+    // Let go, it goes at the next count, with the next oldest.
+    ASSERT_EQ(::umount2(oldest.c_str(), MNT_DETACH), 0);
+    Log(*store, "tenth");
+    expected.erase(expected.begin(), expected.begin() + 2);
+    expected.push_back(Today(2));
+    EXPECT_EQ(ListNames(m_dir.Path()), expected);
+    EXPECT_EQ(ReadFile(m_dir.File(Today(2))), Line("06/15/2024", "tenth"));
 }
 
 TEST_F(FileStoreRotationTest, PrefixedNameWithFewerThanFourUnderscoresIsTheOldest)

@@ -1,8 +1,11 @@
 #include "Common/Logger/Linux/Src/LinuxDebugStore.h"
+#include "Tests/Support/CapturingLogStore.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <sstream>
@@ -53,6 +56,31 @@ TEST(LinuxDebugStoreTest, UnknownGroupPrintsAnEmptyName)
 {
     EXPECT_EQ(LinuxDebugStore::FormatText(static_cast<ELogGroups>(3), "f", "g", 1, "m"),
               " g m f 1");
+}
+
+// Standard output that takes nothing (a full device) is not reported: the
+// store returns as usual, and the stores behind it still get the line.
+TEST(LinuxDebugStoreTest, StandardOutputThatFailsReportsNothing)
+{
+    CRefCountPtr<ILogStore> store(new LinuxDebugStore());
+    ASSERT_EQ(LoggerAddCustom(store), 0);
+    {
+        velorane::test::ScopedLogCapture capture;
+        std::fflush(stdout);
+        const int saved = ::dup(STDOUT_FILENO);
+        const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+        ASSERT_GE(full, 0);
+        ASSERT_EQ(::dup2(full, STDOUT_FILENO), STDOUT_FILENO);
+        EXPECT_NO_THROW(store->OnLog(EGroupValueWarning, "f", "g", 0, 1, 2, "into a full device"));
+        VLOG(EGroupValueWarning, "through the logger");
+        std::fflush(stdout);
+        ::dup2(saved, STDOUT_FILENO);
+        ::close(saved);
+        ::close(full);
+        std::clearerr(stdout);
+        EXPECT_TRUE(capture->Contains(EGroupValueWarning, "through the logger"));
+    }
+    EXPECT_EQ(LoggerRemoveStore(store), 0);
 }
 
 TEST(LinuxDebugStoreTest, CreateNativeOsStoreHandsOutOneReference)

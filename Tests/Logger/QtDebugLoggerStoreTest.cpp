@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <regex>
 #include <stdexcept>
 
@@ -127,15 +128,30 @@ TEST(QtDebugLoggerStoreTest, MessageBeginningWithVeloraneLogIsNotLogged)
     EXPECT_EQ(capture->Lines().size(), 1u);
 }
 
+// Writes each line's group number and message to standard error, where a
+// death test reads what was logged before the end.
+class StandardErrorStore : public virtual ILogStore, public IRefCountImpl
+{
+public:
+    void OnLog(ELogGroups group, const std::string&, const std::string&, int64_t, uint32_t, int32_t,
+               const std::string& message) override
+    {
+        std::fprintf(stderr, "logged %d|%s\n", static_cast<int>(group), message.c_str());
+    }
+    void Restart() override {}
+};
+
 TEST(QtDebugLoggerStoreTest, FatalMessageIsLoggedThenAborts)
 {
     EXPECT_DEATH(
         {
             qInstallMessageHandler(nullptr);
+            CRefCountPtr<ILogStore> store(new StandardErrorStore());
+            LoggerAddCustom(store);
             QMessageLogContext context;
             qLogHandler(QtFatalMsg, context, QStringLiteral("the end"));
         },
-        "");
+        "logged 8\\|qFatal: the end");
 }
 
 TEST(QtDebugLoggerStoreTest, InstalledBridgeTakesQtMessagesWithoutLooping)

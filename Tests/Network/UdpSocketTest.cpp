@@ -5,6 +5,7 @@
 #include "Common/Network/Src/UdpClient.h"
 #include "Common/Network/Src/UdpUtilRuntimeError.h"
 #include "Tests/Network/SocketProbe.h"
+#include "Tests/Support/HeldDescriptors.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,7 @@
 
 using namespace quorvan;
 using velorane::test::FreeUdpPort;
+using velorane::test::HeldDescriptors;
 using velorane::test::HeldUdpPort;
 using velorane::test::OpenDescriptors;
 using Clock = std::chrono::steady_clock;
@@ -64,50 +66,6 @@ void ExpectSilentWait(SimpleUdpServer& server, int maxWaitMs, long long atLeastM
     EXPECT_GE(waited, atLeastMs);
     EXPECT_LT(waited, belowMs);
 }
-
-// Holds descriptors on /dev/null until the process can open no more (with
-// the soft limit lowered to limit), or until one lands at stopAt; gives them
-// back and restores the limit when it ends.
-class HeldDescriptors
-{
-public:
-    HeldDescriptors(rlim_t limit, int stopAt)
-    {
-        ::getrlimit(RLIMIT_NOFILE, &m_saved);
-        rlimit changed = m_saved;
-        changed.rlim_cur = std::min(limit, m_saved.rlim_max);
-        ::setrlimit(RLIMIT_NOFILE, &changed);
-        for (;;) {
-            const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-            if (fd < 0) {
-                break;
-            }
-            m_held.push_back(fd);
-            if (fd >= stopAt) {
-                break;
-            }
-        }
-    }
-    ~HeldDescriptors()
-    {
-        Release();
-        ::setrlimit(RLIMIT_NOFILE, &m_saved);
-    }
-    HeldDescriptors(const HeldDescriptors&) = delete;
-    HeldDescriptors& operator=(const HeldDescriptors&) = delete;
-
-    void Release()
-    {
-        for (const int fd : m_held) {
-            ::close(fd);
-        }
-        m_held.clear();
-    }
-
-private:
-    rlimit m_saved{};
-    std::vector<int> m_held;
-};
 
 } // namespace
 

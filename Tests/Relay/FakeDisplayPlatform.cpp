@@ -6,6 +6,8 @@ namespace velorane::test {
 
 using quorvan::velorane::relay::DisplayConfig;
 using quorvan::velorane::relay::DisplayConfigRef;
+using quorvan::velorane::relay::DisplayErrorCannotComplete;
+using quorvan::velorane::relay::DisplayErrorFailure;
 using quorvan::velorane::relay::DisplayErrorIllegalArgument;
 using quorvan::velorane::relay::DisplayErrorInvalidConnection;
 using quorvan::velorane::relay::DisplayErrorSuccess;
@@ -148,6 +150,10 @@ uint32_t FakeDisplayPlatform::DisplaySerialNumber(uint32_t displayId)
 int32_t FakeDisplayPlatform::BeginDisplayConfiguration(DisplayConfigRef* config)
 {
     m_script->calls.push_back("Begin()");
+    if (m_script->configurationFails) {
+        config->reset();
+        return DisplayErrorFailure;
+    }
     *config = std::make_unique<DisplayConfig>();
     return DisplayErrorSuccess;
 }
@@ -156,6 +162,9 @@ int32_t FakeDisplayPlatform::ConfigureDisplayOrigin(DisplayConfig* config, uint3
                                                     int32_t x, int32_t y)
 {
     m_script->calls.push_back(Text("Origin", {displayId, x, y}));
+    if (m_script->configurationFails) {
+        return DisplayErrorCannotComplete;
+    }
     if (!config || !m_script->Find(displayId)) {
         return DisplayErrorIllegalArgument;
     }
@@ -167,6 +176,9 @@ int32_t FakeDisplayPlatform::ConfigureDisplayMirrorOfDisplay(DisplayConfig* conf
                                                              uint32_t displayId, uint32_t master)
 {
     m_script->calls.push_back(Text("MirrorOf", {displayId, master}));
+    if (m_script->configurationFails) {
+        return DisplayErrorCannotComplete;
+    }
     if (!config || !m_script->Find(displayId)) {
         return DisplayErrorIllegalArgument;
     }
@@ -178,6 +190,9 @@ int32_t FakeDisplayPlatform::CompleteDisplayConfiguration(DisplayConfigRef confi
                                                           EDisplayConfigureOption option)
 {
     m_script->calls.push_back(Text("Complete", {option}));
+    if (m_script->configurationFails) {
+        return DisplayErrorCannotComplete;
+    }
     if (!config) {
         return DisplayErrorIllegalArgument;
     }

@@ -49,6 +49,9 @@ struct FakeDisplayScript
     std::vector<FakeDisplay> displays;
     // The display list can't be had.
     bool listFails = false;
+    // Every configuration call is refused: no transaction is opened, nothing
+    // is staged and nothing is applied.
+    bool configurationFails = false;
     std::vector<std::string> calls;
     std::vector<Transaction> completed;
     std::vector<std::pair<quorvan::velorane::relay::DisplayReconfigurationCallback, void*>>

@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
@@ -521,6 +522,31 @@ TEST_F(ConferenceMonitorTest, StandaloneWithoutTheProgramStillListensAndSetsUpOn
     EXPECT_EQ(requests[2], HexBytes(kSetResolution1920));
     EXPECT_EQ(requests[3], HexBytes(kCreateConference));
     EXPECT_TRUE(m_monitor.ConferenceCreated());
+}
+
+// A display process that starts and never calls back: no conference is
+// made, and the take-down later has nothing to do.
+TEST_F(ConferenceMonitorTest, StandaloneProcessThatNeverCallsBackLeavesNothingToTakeDown)
+{
+    const std::string program = m_dir.File("VeloraneVirtualDisplay");
+    ASSERT_TRUE(std::filesystem::copy_file("/bin/true", program));
+    m_monitor.SetVirtualDisplayProgram(QString::fromStdString(program));
+    Serve();
+    EXPECT_EQ(m_monitor.InitializeStandalone(0), 0);
+    ASSERT_EQ(m_log->Messages().size(), 1u);
+    EXPECT_EQ(m_log->Messages()[0].rfind("RETURN Result: 0x0 - Velorane Virtual Display process "
+                                         "started: pid=[",
+                                         0),
+              0u)
+        << m_log->Messages()[0];
+    PumpEventsFor(std::chrono::milliseconds(500));
+    EXPECT_FALSE(m_monitor.ConferenceCreated());
+
+    m_log->Clear();
+    EXPECT_EQ(m_monitor.Terminate(), 0);
+    EXPECT_EQ(m_log->Messages(),
+              std::vector<std::string>{"RETURN Result: 0x0 - Terminate not needed"});
+    EXPECT_TRUE(Requests().empty());
 }
 
 TEST_F(ConferenceMonitorTest, StandaloneFailsWhenItCantListen)

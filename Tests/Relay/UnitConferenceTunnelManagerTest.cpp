@@ -73,6 +73,18 @@ TEST_F(ConferenceTunnelManagerTest, AbsentFileGetsExactlyTheThreeLines)
     EXPECT_TRUE(m_capture->Messages().empty());
 }
 
+// A file that can't be made (its folder isn't there) is no error: nothing
+// is written, nothing is logged, and the result is 0 all the same.
+TEST_F(ConferenceTunnelManagerTest, FileThatCantBeMadeIsPassedOverInSilence)
+{
+    const std::string path = m_dir.File("no-such-folder/relaycam.ini");
+    LinuxConferenceTunnelManager manager(Config(), nullptr, path);
+    EXPECT_EQ(manager.Connect(), 0);
+    EXPECT_NE(::access(path.c_str(), F_OK), 0);
+    EXPECT_NE(::access(m_dir.File("no-such-folder").c_str(), F_OK), 0);
+    EXPECT_TRUE(m_capture->Messages().empty());
+}
+
 TEST_F(ConferenceTunnelManagerTest, NewFileIsForItsUserAlone)
 {
     ConnectWith();

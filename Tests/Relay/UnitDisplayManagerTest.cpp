@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <chrono>
 #include <memory>
 #include <string>
@@ -265,6 +267,36 @@ TEST_F(DisplayManagerTest, AMirrorFlagSchedulesTheUnMirrorOnly)
     EXPECT_EQ(messages[2], " -- Do Calibrate");
     // Un-mirrored, the monitor is reported where it stands.
     EXPECT_EQ(m_placements, (std::vector<Placement>{{0, 0, 1280, 720}}));
+}
+
+// The platform refusing every configuration call changes nothing for the
+// manager: the results aren't looked at, the work goes on to its end, and
+// the monitor is reported where it stands.
+TEST_F(DisplayManagerTest, RefusedConfigurationCallsArePassedOverAndTheMonitorStillReported)
+{
+    m_script->displays = {PlainDisplay(1, 0), VirtualMonitorDisplay(7, 1920)};
+    auto manager = Make();
+    manager->SetConfigurationDoneCB(&Done, this);
+    manager->SetHook();
+    m_script->configurationFails = true;
+    m_log->Clear();
+    m_script->calls.clear();
+
+    m_script->Fire(7, 0x2);
+    LetScheduledWorkRun();
+    m_script->Fire(7, 0x400);
+    LetScheduledWorkRun();
+
+    EXPECT_TRUE(m_script->completed.empty());
+    EXPECT_EQ(m_script->Count("Begin()"), 2u);
+    // The stocked displays where they were, then the monitor beyond them.
+    EXPECT_EQ(m_script->Count("Origin("), 3u);
+    EXPECT_EQ(m_script->Count("MirrorOf("), 1u);
+    EXPECT_EQ(m_script->Count("Complete("), 2u);
+    const std::vector<std::string> messages = Messages();
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "called HandleConfigureDone callback!"),
+              2);
+    EXPECT_EQ(m_placements, (std::vector<Placement>{{1920, 0, 1280, 720}, {1920, 0, 1280, 720}}));
 }
 
 TEST_F(DisplayManagerTest, AnAddedDisplayThatIsntTheMonitorArrangesWithoutIt)

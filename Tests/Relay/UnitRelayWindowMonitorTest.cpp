@@ -357,6 +357,30 @@ TEST_F(RelayWindowMonitorTest, NewDimensionsOnAFoundMonitorMoveAndShowTheWindow)
     ExpectTakenDown(*window);
 }
 
+// No virtual monitor when new dimensions come: the window stays where it
+// is, and the next new rectangle looks for the monitor again.
+TEST_F(RelayWindowMonitorTest, AMissingMonitorLeavesTheWindowAndTheNextRectangleTriesAgain)
+{
+    Serve();
+    m_displays->displays = {PlainDisplay(3, 0)};
+    auto window = MakeWindow(Config(true));
+    ASSERT_EQ(window->Initialize(), 0);
+    const QPoint before = window->pos();
+    m_log->Clear();
+    window->SetDimensions(10, 20, 1280, 720);
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "Failed to find virtual monitor"));
+    EXPECT_EQ(window->pos(), before);
+    EXPECT_FALSE(window->isVisible());
+
+    m_displays->displays.push_back(VirtualMonitorDisplay(7, 1920));
+    m_log->Clear();
+    window->SetDimensions(1920, 0, 1280, 720);
+    EXPECT_EQ(m_log->Count("Failed to find virtual monitor"), 0u);
+    EXPECT_EQ(window->pos(), QPoint(1920, 0));
+    EXPECT_TRUE(window->isVisible());
+    ExpectTakenDown(*window);
+}
+
 TEST_F(RelayWindowMonitorTest, WithoutTheMonitorNoDisplayWatchIsMade)
 {
     auto window = MakeWindow(Config(false));

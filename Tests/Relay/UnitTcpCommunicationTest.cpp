@@ -407,6 +407,36 @@ TEST_F(UnitTcpCommunicationTest, NobodyListeningFails)
               }));
 }
 
+// A Kyr that takes the connection and never answers the handshake: after
+// the 5 s wait the handshake has failed, and the link with it.
+TEST_F(UnitTcpCommunicationTest, HandshakeUnansweredForFiveSecondsFails)
+{
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
+    QElapsedTimer sinceStart;
+    sinceStart.start();
+
+    StartTransport(QHostAddress("127.0.0.1"), silent.serverPort());
+
+    const std::string unable =
+        "Socket was unable to connect to 127.0.0.1:" + std::to_string(silent.serverPort());
+    ASSERT_TRUE(WaitUntil([&] { return m_capture->Count(unable) == 1; }, 15s));
+    EXPECT_GE(sinceStart.elapsed(), 4500);
+    PumpEventsFor(200ms);
+    EXPECT_TRUE(m_capture->Contains(EGroupValueWarning, unable));
+    EXPECT_EQ(m_connectCompletes, 0);
+    // Qt reports the wait's time-out as a socket error first: two emissions.
+    EXPECT_TRUE(m_capture->Contains(EGroupValueSevere, "Socket error 5"));
+    EXPECT_EQ(m_errorMessages,
+              (std::vector<std::string>{
+                  "Please restart Velorane and try agin.",
+                  "Encrypted connection failed.  Please restart Velorane and try again.",
+                  "Connection error.  Please restart Velorane and try again.",
+              }));
+    EXPECT_EQ(m_failures, 2);
+    EXPECT_TRUE(silent.hasPendingConnections());
+}
+
 // Sending
 
 TEST_F(UnitTcpCommunicationTest, SendBeforeTheThreadStartedReturnsFalse)

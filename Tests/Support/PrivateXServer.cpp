@@ -69,6 +69,7 @@ bool PrivateXServer::Start(const Options& options)
                       "tcp",
                       "-noreset",
                       "-br"};
+        child.argv.insert(child.argv.end(), options.arguments.begin(), options.arguments.end());
         child.outputFile = options.folder + "/xvfb-" + std::to_string(number) + ".out";
         child.endWithParent = options.endWithParent;
         if (!m_server.Start(child)) {

@@ -10,6 +10,7 @@
 #include "Tests/Support/ChildProcess.h"
 
 #include <string>
+#include <vector>
 
 namespace velorane::test {
 
@@ -31,6 +32,9 @@ public:
         // The server ends with the thread that started it, even when this
         // process never gets to stop it (ChildProcess::Options).
         bool endWithParent = false;
+        // More of Xvfb's options, such as "-extension RANDR" for a server
+        // without RandR.
+        std::vector<std::string> arguments;
     };
 
     // One 1920x1080 output at the left of a screen screenWidth wide, with
@@ -47,6 +51,7 @@ public:
     // ":N".
     const std::string& Name() const { return m_name; }
     bool Running() { return m_server.Running(); }
+    pid_t Pid() const { return m_server.Pid(); }
     // Ends the server, as a crash of the X server would for its clients.
     void Stop();
 

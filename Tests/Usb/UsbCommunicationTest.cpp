@@ -217,6 +217,13 @@ TEST_F(UsbCommunicationTest, KyrAbsentAtStartCountsAsConnectedAndCommandsFail)
     EXPECT_TRUE(m_transport->Initialize());
     EXPECT_EQ(m_connects, 1);
     EXPECT_EQ(m_failures, 0);
+    // No device is no error: no text for the user and nothing but the
+    // version line in the log.
+    EXPECT_TRUE(m_messages.empty());
+    const auto lines = m_capture->Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].group, EGroupValueInformation);
+    EXPECT_EQ(lines[0].message.rfind("libusb version ", 0), 0u) << lines[0].message;
     EXPECT_FALSE(RequestFrame());
     EXPECT_EQ(m_capture->Count("invalid device or handle!"), 6u);
     EXPECT_TRUE(m_capture->Contains(EGroupValueWarning,

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -370,6 +371,30 @@ TEST_F(UsbUtilitiesTest, RefusedClaimOrAlternateSettingFailsConnect)
                                     "FAILED: libusb_claim_interface: [-6] (LIBUSB_ERROR_BUSY)"));
     // Refused no more: the next Connect goes through.
     m_device->FailRequest(USBDEVFS_SETINTERFACE, 0);
+    EXPECT_EQ(usb.Connect(), 1);
+}
+
+// A device node that can't be opened fails Connect with libusb's code,
+// logged, without a look at the interface; once it opens, Connect goes
+// through.
+TEST_F(UsbUtilitiesTest, DeviceNodeThatCantBeOpenedFailsConnect)
+{
+    m_device->Plug(kVendor, 0x0301);
+    const std::string node = m_device->Directory() + "/dev/bus/usb/001/002";
+    ASSERT_EQ(::rename(node.c_str(), (node + ".away").c_str()), 0);
+    // A folder where the node was: opening it for reading and writing fails.
+    ASSERT_EQ(::mkdir(node.c_str(), 0700), 0);
+    UsbUtilities usb(kKyrIds);
+    EXPECT_EQ(usb.Connect(), LIBUSB_ERROR_IO);
+    EXPECT_FALSE(usb.IsConnected());
+    EXPECT_EQ(InformationAndSevere(),
+              (std::vector<std::string>{"Connecting to vid=[0x7A31] pid=[0x0301]",
+                                        "FAILED: libusb_open: [-1] (LIBUSB_ERROR_IO)"}));
+    EXPECT_TRUE(
+        m_capture->Contains(EGroupValueSevere, "FAILED: libusb_open: [-1] (LIBUSB_ERROR_IO)"));
+
+    ASSERT_EQ(::rmdir(node.c_str()), 0);
+    ASSERT_EQ(::rename((node + ".away").c_str(), node.c_str()), 0);
     EXPECT_EQ(usb.Connect(), 1);
 }
 

@@ -7,9 +7,15 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <future>
+#include <new>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace quorvan {
 
@@ -382,4 +388,72 @@ TEST(FrameQueueTest, ProducerAndConsumerKeepTheTokenCount)
     EXPECT_EQ(consumed.load(), delivered);
     EXPECT_EQ(Access::FreeCount(queue), 3u);
     EXPECT_EQ(Access::FilledCount(queue), 0u);
+}
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// The bytes of address space the process has mapped now.
+size_t MappedBytes()
+{
+    FILE* statm = std::fopen("/proc/self/statm", "r");
+    unsigned long pages = 0;
+    if (statm) {
+        if (std::fscanf(statm, "%lu", &pages) != 1) {
+            pages = 0;
+        }
+        std::fclose(statm);
+    }
+    return pages * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+} // namespace
+
+// Memory running out while the frames are made: what was built is
+// destroyed and the exception goes on to the caller. In a child whose
+// address space is capped at 256 MiB above what it has: 1000 frames of
+// 1 MiB can't be had, and after the failure 200 can, so the frames made
+// before it were given back.
+TEST(FrameQueueTest, AllocationFailureInTheConstructorPassesTheExceptionOn)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "a sanitizer's shadow memory needs an address space without a cap";
+    }
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        rlimit cap{};
+        ::getrlimit(RLIMIT_AS, &cap);
+        cap.rlim_cur = MappedBytes() + (256u << 20);
+        ::setrlimit(RLIMIT_AS, &cap);
+        try {
+            FrameQueue queue(1000);
+            ::_exit(1);
+        } catch (const std::bad_alloc&) {
+        } catch (...) {
+            ::_exit(2);
+        }
+        try {
+            FrameQueue queue(200);
+            std::unique_ptr<VideoFrame> frame;
+            ::_exit(queue.RequestFrame(frame) == FrameQueueOk ? 0 : 3);
+        } catch (...) {
+            ::_exit(4);
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <thread>
@@ -175,6 +176,7 @@ TEST(VideoDecoderStepTest, LoopSleepsOnlyWhenNeitherStepDidAnything)
     decoder->Stop();
     // The decoder was still holding a packet when the parser offered more.
     EXPECT_GE(capture->Count("VideoDecoder: breaking to receive frames!"), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
 }
 
 // The CPU time the decoder thread has used so far.
@@ -247,6 +249,7 @@ TEST(VideoDecoderStepTest, SoftwareDecodeErrorLosesThePacketAndGoesOn)
     step(4);
     step(0);
     EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 2u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(recorder.Count(), 0u);
     for (size_t unit = 1; unit < stream.accessUnits.size(); ++unit) {
         step(unit);
@@ -260,4 +263,108 @@ TEST(VideoDecoderStepTest, SoftwareDecodeErrorLosesThePacketAndGoesOn)
     for (int index = 0; index < 11; ++index) {
         ExpectPatternPicture(pictures[index], 320, 240, index);
     }
+}
+
+TEST(VideoDecoderStepTest, ReceiveErrorGivesNoPictureThatPassAndDecodingGoesOn)
+{
+    const H264Stream stream = EncodeTestPattern(320, 240, 4);
+    ASSERT_EQ(stream.accessUnits.size(), 4u);
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    // The first unit comes out of the parser with the second and is decoded
+    // at once; its picture waits inside the decoder.
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(stream.accessUnits[0], 0)));
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(stream.accessUnits[1], 1)));
+    EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+    // Behind that picture the decoder takes a packet with no picture in it
+    // (an access unit delimiter alone). It is decoded only when the picture
+    // has been taken, and then the receive reports the failure.
+    uint8_t delimiter[] = {0x00, 0x00, 0x00, 0x01, 0x09, 0x10};
+    AVPacket* packet = av_packet_alloc();
+    ASSERT_NE(packet, nullptr);
+    packet->data = delimiter;
+    packet->size = sizeof(delimiter);
+    EXPECT_EQ(avcodec_send_packet(Access::SoftwareContext(*decoder), packet), 0);
+    av_packet_free(&packet);
+
+    EXPECT_TRUE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 1u);
+    capture->Clear();
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 1u);
+    const std::string expected = "VideoDecoder: avcodec_receive_frame error: 0x" + [] {
+        char hex[16];
+        std::snprintf(hex, sizeof(hex), "%08x", static_cast<unsigned>(AVERROR_INVALIDDATA));
+        return std::string(hex);
+    }();
+    EXPECT_EQ(capture->Messages(), std::vector<std::string>{expected});
+    EXPECT_TRUE(capture->Contains(EGroupValueInformation, expected));
+
+    // Nothing else was lost: the next units decode.
+    for (size_t unit = 2; unit < stream.accessUnits.size(); ++unit) {
+        ASSERT_TRUE(
+            decoder->DeliverFrame(MakeFrame(stream.accessUnits[unit], static_cast<int>(unit))));
+        Access::ParseDecodePackets(*decoder);
+        Access::ReceiveDeliverFrames(*decoder);
+    }
+    EXPECT_EQ(recorder.Count(), 3u);
+    EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
+}
+
+TEST(VideoDecoderStepTest, PacketRefusedWhileAPictureWaitsIsLost)
+{
+    const H264Stream stream = EncodeTestPattern(320, 240, 5);
+    ASSERT_EQ(stream.accessUnits.size(), 5u);
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    auto deliver = [&](size_t unit) {
+        ASSERT_TRUE(
+            decoder->DeliverFrame(MakeFrame(stream.accessUnits[unit], static_cast<int>(unit))));
+    };
+    // Unit 0 comes out of the parser with unit 1 and is decoded; its
+    // picture waits inside the decoder.
+    deliver(0);
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    deliver(1);
+    EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+    // Unit 1 goes in beside it, as a second packet of that pass would, and
+    // waits in front of the decoder.
+    AVPacket* packet = av_packet_alloc();
+    ASSERT_NE(packet, nullptr);
+    std::vector<uint8_t> bytes = stream.accessUnits[1];
+    packet->data = bytes.data();
+    packet->size = static_cast<int>(bytes.size());
+    EXPECT_EQ(avcodec_send_packet(Access::SoftwareContext(*decoder), packet), 0);
+    av_packet_free(&packet);
+
+    // With nothing received yet, the parser's unit 1 finds the decoder full:
+    // it is refused and not sent again.
+    capture->Clear();
+    deliver(2);
+    EXPECT_FALSE(Access::ParseDecodePackets(*decoder));
+    EXPECT_EQ(capture->Messages(),
+              std::vector<std::string>{"VideoDecoder: breaking to receive frames!"});
+    EXPECT_TRUE(
+        capture->Contains(EGroupValueInformation, "VideoDecoder: breaking to receive frames!"));
+    while (Access::ReceiveDeliverFrames(*decoder)) {
+    }
+    EXPECT_EQ(recorder.Count(), 2u);
+
+    // The units behind it decode as usual, and no picture comes twice.
+    for (size_t unit = 3; unit < stream.accessUnits.size(); ++unit) {
+        deliver(unit);
+        EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+        EXPECT_TRUE(Access::ReceiveDeliverFrames(*decoder));
+    }
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 4u);
+    EXPECT_EQ(capture->Count("VideoDecoder: breaking to receive frames!"), 1u);
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 0u);
 }

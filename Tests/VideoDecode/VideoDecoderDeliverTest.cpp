@@ -43,6 +43,7 @@ TEST(VideoDecoderDeliverTest, FourthFrameWithThreeUndecodedIsRefusedAndDropped)
     EXPECT_EQ(capture->Count("VideoDecoder: frame queue is full, no frame available!"), 0u);
     EXPECT_FALSE(decoder->DeliverFrame(FrameOfSize(100, 4)));
     EXPECT_EQ(capture->Count("VideoDecoder: frame queue is full, no frame available!"), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
 
     // The three that got in wait in order; the fourth is nowhere.
     FrameQueue& queue = Access::Queue(*decoder);

@@ -89,6 +89,7 @@ TEST_F(VideoDecoderFallbackTest, FirstHardwareDecodeErrorSwitchesToSoftwareForGo
     EXPECT_GT(reverting, refused);
     EXPECT_EQ(messages[reverting - 1], "Decode error: " + std::to_string(AVERROR_INVALIDDATA));
     EXPECT_EQ(capture->Count("VideoDecoder: reverting to software decoder!"), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(CountPrefix(messages, "Decode error: "), 1u);
     EXPECT_EQ(capture->Count("VideoDecoder: GetFormat, which formats are offered"), 1u);
     // The offered list ends with the software format the decoder would use.
@@ -148,6 +149,7 @@ TEST_F(VideoDecoderFallbackTest, GetFormatOffersNoSoftwareFormatInstead)
     FormatContext format(decoder.Get());
     const AVPixelFormat offered[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NONE};
     EXPECT_EQ(Access::GetFormat(format.context, offered), AV_PIX_FMT_NONE);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(capture->Messages(),
               (std::vector<std::string>{"VideoDecoder: GetFormat, which formats are offered",
                                         "VideoDecoder: format 0: yuv420p",
@@ -202,5 +204,6 @@ TEST_F(VideoDecoderFallbackTest, FailedTransferStillPassesTheTransferFrameOnWith
                   "VideoDecoder: av_hwframe_transfer_data error: 0x%08x: %s",
                   static_cast<unsigned>(AVERROR(ENOSYS)), reason);
     EXPECT_EQ(capture->Count(expected), 2u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(capture->Count("VideoDecoder: found pixel format: yuv420p"), 1u);
 }

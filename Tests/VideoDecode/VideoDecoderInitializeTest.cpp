@@ -45,6 +45,7 @@ TEST(VideoDecoderInitializeTest, FormatZeroIsInvalidWithNoThreadAndNoContext)
     EXPECT_EQ(Access::Parser(*decoder), nullptr);
     EXPECT_EQ(capture->Count("VideoDecoder: enter decoding thread"), 0u);
     EXPECT_EQ(capture->Messages().size(), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
 }
 
 TEST(VideoDecoderInitializeTest, FormatSixIsInvalidWithNoThreadAndNoContext)
@@ -57,6 +58,7 @@ TEST(VideoDecoderInitializeTest, FormatSixIsInvalidWithNoThreadAndNoContext)
     EXPECT_EQ(Access::SoftwareContext(*decoder), nullptr);
     EXPECT_EQ(Access::HardwareContext(*decoder), nullptr);
     EXPECT_EQ(capture->Messages().size(), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
 }
 
 TEST(VideoDecoderInitializeTest, InvalidFormatKeepsTheCallback)
@@ -100,6 +102,7 @@ TEST(VideoDecoderInitializeTest, NoAcceptedDeviceTypeEndsAtNoneAndSoftwareRuns)
     EXPECT_EQ(hardware.walks, 7);
     EXPECT_EQ(Access::HardwareType(*decoder), AV_HWDEVICE_TYPE_NONE);
     EXPECT_TRUE(hardware.created.empty());
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(capture->Messages(),
               (std::vector<std::string>{"VideoDecoder: selected codec: h264",
                                         "VideoDecoder: trying to initialize hardware decoder",
@@ -183,6 +186,7 @@ TEST(VideoDecoderInitializeTest, MissingHardwareConfigurationFallsBackToSoftware
     EXPECT_TRUE(
         decoder->Initialize(NoPicture, IVideoDecoder::CodecH264, IVideoDecoder::DecoderHardware));
     EXPECT_EQ(capture->Count("VideoDecoder: decoder (h264) doesn't support device type vaapi"), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
     // The device stays until Terminate.
     EXPECT_NE(Access::Device(*decoder), nullptr);
@@ -201,6 +205,7 @@ TEST(VideoDecoderInitializeTest, ConfigurationOfAnotherDeviceTypeFallsBackToSoft
     EXPECT_TRUE(
         decoder->Initialize(NoPicture, IVideoDecoder::CodecH264, IVideoDecoder::DecoderHardware));
     EXPECT_EQ(capture->Count("VideoDecoder: cannot retrieve hardware configuration!"), 1u);
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     EXPECT_EQ(decoder->GetDecoder(), IVideoDecoder::DecoderSoftware);
 }
 
@@ -300,6 +305,7 @@ TEST_P(VideoDecoderCodecTableTest, FormatSelectsItsDecoderByName)
     EXPECT_EQ(Access::CodecName(*decoder), GetParam().name);
     EXPECT_EQ(Access::CodecId(*decoder), GetParam().id);
     const auto messages = capture->Messages();
+    EXPECT_EQ(CountOutsideInformation(capture.Store()), 0u);
     ASSERT_GE(messages.size(), 2u);
     EXPECT_EQ(messages[0], std::string("VideoDecoder: selected codec: ") + GetParam().name);
     if (GetParam().opens) {

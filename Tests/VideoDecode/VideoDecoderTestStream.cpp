@@ -330,6 +330,17 @@ quorvan::HardwareProbe FakeHardware::Probe()
     return probe;
 }
 
+size_t CountOutsideInformation(const CapturingLogStore& store)
+{
+    size_t count = 0;
+    for (const auto& line : store.Lines()) {
+        if (line.group != quorvan::EGroupValueInformation) {
+            ++count;
+        }
+    }
+    return count;
+}
+
 size_t CountPrefix(const std::vector<std::string>& messages, const std::string& prefix)
 {
     size_t count = 0;

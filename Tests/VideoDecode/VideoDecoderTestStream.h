@@ -5,6 +5,7 @@
 // for the decoder's callback, and a window on the decoder's private parts.
 
 #include "Common/VideoDecode/Src/VideoDecoder.h"
+#include "Tests/Support/CapturingLogStore.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -191,5 +192,8 @@ public:
 size_t CountPrefix(const std::vector<std::string>& messages, const std::string& prefix);
 // Index of the first message equal to text, or -1.
 long IndexOf(const std::vector<std::string>& messages, const std::string& text);
+// Counts the captured lines that went to any group but the information
+// group, where every line of the decoder goes, failures included.
+size_t CountOutsideInformation(const CapturingLogStore& store);
 
 } // namespace velorane::test

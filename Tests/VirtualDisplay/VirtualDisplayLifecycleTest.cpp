@@ -4,6 +4,7 @@
 
 #include "Tests/VirtualDisplay/VirtualDisplayScene.h"
 
+#include "Tests/Support/PrivateXServer.h"
 #include "Tests/Support/RawLocalClient.h"
 
 #include "Common/Logger/Src/Logger.h"
@@ -94,6 +95,36 @@ INSTANTIATE_TEST_SUITE_P(Termination, VirtualDisplaySignalTest,
                              return std::string("SIG") + sigabbrev_np(info.param);
                          });
 
+// A second termination signal while the first one's clean-up waits on the
+// X server (stopped here) ends the program at once: the monitor stays, and
+// the next start removes it.
+TEST_F(VirtualDisplayLifecycleTest, SecondSignalDuringTheCleanUpEndsItAtOnce)
+{
+    StartWithMonitor();
+    const pid_t server = m_scene.X().Pid();
+    ASSERT_GT(server, 0);
+    ASSERT_EQ(kill(server, SIGSTOP), 0);
+    struct Resume
+    {
+        pid_t pid;
+        ~Resume() { kill(pid, SIGCONT); }
+    } resume{server};
+
+    const pid_t program = m_scene.Program().Pid();
+    ASSERT_EQ(kill(program, SIGTERM), 0);
+    // Logged before the clean-up starts and after the signals are let in.
+    ASSERT_EQ(m_scene.CountLogEventually(EGroupInformation, "Ending: termination signal"), 1u)
+        << m_scene.LogText();
+    ASSERT_EQ(kill(program, SIGTERM), 0);
+    int code = -1;
+    ASSERT_TRUE(m_scene.Program().WaitForExit(kExit, &code)) << m_scene.LogText();
+    EXPECT_EQ(code, 128 + SIGTERM);
+    kill(server, SIGCONT);
+
+    EXPECT_TRUE(m_scene.VirtualMonitor().has_value());
+    EXPECT_EQ(m_scene.CountLog(EGroupInformation, "----------------END----------------"), 0u);
+}
+
 TEST_F(VirtualDisplayLifecycleTest, ClientThatVanishesMidRequestLeavesItServing)
 {
     StartWithMonitor();
@@ -154,6 +185,31 @@ TEST_F(VirtualDisplayLifecycleTest, WithoutAnXDisplayItEndsAtOnceAndSaysSo)
                                          "Unable to start: unable to open the X display "
                                          "\":65000\""),
               1u);
+}
+
+TEST_F(VirtualDisplayLifecycleTest, WithoutRandrItEndsAtOnceAndSaysSo)
+{
+    PrivateXServer::Options withoutRandr;
+    withoutRandr.folder = m_scene.Dir().Path();
+    withoutRandr.arguments = {"-extension", "RANDR"};
+    PrivateXServer x;
+    ASSERT_TRUE(x.Start(withoutRandr));
+    ChildProcess program;
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("VeloraneVirtualDisplay")};
+    options.environment = m_scene.Environment();
+    options.environment["DISPLAY"] = x.Name();
+    options.outputFile = m_scene.Dir().File("norandr.out");
+    ASSERT_TRUE(program.Start(options));
+    int code = -1;
+    ASSERT_TRUE(program.WaitForExit(kExit, &code));
+    EXPECT_EQ(code, 1);
+    EXPECT_EQ(m_scene.CountLogEventually(EGroupSevere, "Unable to start: the X display \"" +
+                                                           x.Name() +
+                                                           "\" has RandR 0.0, and monitors "
+                                                           "need 1.5"),
+              1u)
+        << program.Output();
 }
 
 // The relay's standalone mode: the relay listens on CONFERENCE_SERVER and

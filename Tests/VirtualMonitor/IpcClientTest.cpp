@@ -114,6 +114,11 @@ TEST_F(IpcClientTest, WithoutAServerConnectFailsAndTheRequestIsNotSent)
     // The text names the socket's server, which Qt forgets when a connect
     // fails.
     EXPECT_EQ(m_log->Messages(), std::vector<std::string>{"IpcClient is not connected to "});
+    EXPECT_TRUE(m_log->Contains(EGroupValueWarning, "IpcClient is not connected to "));
+    // A reply on it is refused the same way.
+    m_log->Clear();
+    EXPECT_FALSE(client.SendReply(Hex("00")));
+    EXPECT_EQ(m_log->Messages(), std::vector<std::string>{"IpcClient is not connected to "});
 }
 
 TEST_F(IpcClientTest, ArgumentsAreCheckedBeforeAnythingElse)
@@ -126,6 +131,9 @@ TEST_F(IpcClientTest, ArgumentsAreCheckedBeforeAnythingElse)
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0], "Out data QByteArray parameter is NULL. Unable to Send request to Server");
     EXPECT_EQ(lines[1], "In data QByteArray parameter is empty. Unable to Send request to Server");
+    for (const auto& line : m_log->Lines()) {
+        EXPECT_EQ(line.group, EGroupValueWarning);
+    }
 }
 
 TEST_F(IpcClientTest, AWholeReplyIsReturnedAndTheRequestArrivesExactly)

@@ -1,6 +1,7 @@
 #include "Common/Platform/Linux/Src/TimerImpl.h"
 #include "Common/Platform/Src/Platform.h"
 #include "Common/Platform/Src/Result.h"
+#include "Tests/Support/WithoutNewThreads.h"
 
 #include <gtest/gtest.h>
 
@@ -187,6 +188,30 @@ TEST(ClockTimer, NullCallbackIsRefusedAndALaterCallStillWorks)
     EXPECT_EQ(timer->Initialize(5, &callback, 0), Success);
     EXPECT_TRUE(callback.WaitFor(2));
     timer->Release();
+}
+
+// The timer's thread can't be had: the general failure, and the timer stays
+// uninitialised, so that the same call answers the same again.
+TEST(ClockTimer, TimerThatCantBeMadeIsTheGeneralFailure)
+{
+    const int result = ::velorane::test::RunWithoutNewThreads([] {
+        CountingCallback callback;
+        ITimer* timer = MakeTimer();
+        if (timer->Initialize(5, &callback, 0) != ResultCode(0x80000000u)) {
+            return 1;
+        }
+        if (timer->Initialize(5, &callback, 0) != ResultCode(0x80000000u)) {
+            return 2;
+        }
+        std::this_thread::sleep_for(milliseconds(50));
+        const int calls = static_cast<int>(callback.Count());
+        timer->Release();
+        return calls == 0 ? 0 : 3;
+    });
+    if (result == ::velorane::test::kThreadLimitNotHeld) {
+        GTEST_SKIP() << "this machine lets the process start threads whatever its limit";
+    }
+    EXPECT_EQ(result, 0);
 }
 
 TEST(ClockTimer, DestroyingAnUninitialisedTimerReleasesIt)

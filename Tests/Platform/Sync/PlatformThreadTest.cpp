@@ -1,6 +1,8 @@
 #include "Common/Platform/Linux/Src/ThreadImpl.h"
 #include "Common/Platform/Src/Scheduler.h"
 #include "Tests/Platform/Sync/SyncTestSupport.h"
+#include "Tests/Support/CapturingLogStore.h"
+#include "Tests/Support/WithoutNewThreads.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,7 @@
 #include <pthread.h>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -369,6 +372,37 @@ TEST(PlatformThreadTest, AutoDeleteThreadThatEndsAtOnceWaitsForStartToFinish)
     EXPECT_EQ(recorder.runs.load(), 0);
     EXPECT_EQ(recorder.exits.load(), 1);
     EXPECT_EQ(deletedOn.load(), recorder.kernelId.load());
+}
+
+} // namespace
+
+namespace {
+
+// With no thread to be had the start is logged as failed and the thread
+// isn't running; nothing waits for a start that never came.
+TEST(PlatformThreadTest, FailedCreationIsLoggedAndLeavesItNotRunning)
+{
+    const int result = ::velorane::test::RunWithoutNewThreads([] {
+        ::velorane::test::ScopedLogCapture capture;
+        Recorder recorder;
+        auto thread = MakeThread(recorder);
+        thread->ThreadStart(kNoLimit);
+        if (thread->IsRunning() || recorder.enters.load() != 0) {
+            return 1;
+        }
+        if (capture->Messages() != std::vector<std::string>{"Unable to create thread"} ||
+            !capture->Contains(quorvan::EGroupValueSevere, "Unable to create thread")) {
+            return 2;
+        }
+        // Nothing to stop, join or wait for.
+        thread->ThreadQuit();
+        thread->ThreadTrigger();
+        return capture->Messages().size() == 1 ? 0 : 3;
+    });
+    if (result == ::velorane::test::kThreadLimitNotHeld) {
+        GTEST_SKIP() << "this machine lets the process start threads whatever its limit";
+    }
+    EXPECT_EQ(result, 0);
 }
 
 } // namespace
