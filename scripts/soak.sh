@@ -365,8 +365,13 @@ wait_for_text "driver-sim: ready" 100 "$logs/driver-sim.out" "$driver_pid" || {
 # The schedule starts a fixed lead after the client; the client's kill
 # comes a few seconds after the last sample.
 lead=20
+# client-sim waits at most an hour per action: the wait goes in pieces.
+waits=()
+for ((left = (lead + total + 5) * 1000; left > 0; left -= 3600000)); do
+    waits+=(--send "wait:$((left < 3600000 ? left : 3600000))")
+done
 "$bin/client-sim" --record "$logs/client-sim.record" --time-limit $((lead + total + 120)) \
-    --send start-scrape --send "wait:$(((lead + total + 5) * 1000))" --send kill -- \
+    --send start-scrape "${waits[@]}" --send kill -- \
     /usr/bin/env UMOCKDEV_DIR="$testbed" LD_PRELOAD=libumockdev-preload.so.0 \
     "$bin/velorane-relay" --kyrIp 127.0.0.1 --relayPort "$base" --width 1920 --height 1080 \
     --name "Velorane soak" >"$logs/client-sim.out" 2>"$logs/client-sim.err" &
