@@ -10,18 +10,28 @@
 # paplay plays the tone into "Velorane Speaker" and parec records "Velorane
 # Microphone". With a DISPLAY the window stays up for 30 s; without one the
 # demo runs for about 6 s on a private Xvfb and saves a screenshot.
+# With --virtual-monitor the relay runs as on a desktop: without -m, with
+# VeloraneVirtualDisplay making the virtual monitor on a private Xvfb, and
+# the screenshot shows that monitor's area.
 set -euo pipefail
 
 usage() {
     cat <<'EOF'
-usage: scripts/demo.sh [--seconds N] [--build-dir DIR] [--audio]
+usage: scripts/demo.sh [--virtual-monitor] [--seconds N] [--build-dir DIR] [--audio]
 
 Installs the packages, builds the tree, then runs kyr-sim, client-sim and
 the relay together: the relay pulls a moving test picture from kyr-sim and
 shows it in its window.
 
+  --virtual-monitor
+                   run the relay without -m, as on a desktop: on a private
+                   Xvfb (a 1920x1080 output, a screen that may grow to
+                   3200x1080) VeloraneVirtualDisplay adds the virtual
+                   monitor VELORANE-2399-160-1902, the relay puts its
+                   window there, and the monitor's area is saved to
+                   DIR/demo-virtual-monitor.png
   --seconds N      how long the relay runs (default 30 with a DISPLAY,
-                   6 without one)
+                   6 without one or with --virtual-monitor)
   --build-dir DIR  build tree to use (default build)
   --audio          the whole audio chain with the real driver: a private
                    headless PipeWire, VeloraneAudioDriver, paplay of a
@@ -42,8 +52,13 @@ cd "$root"
 seconds=""
 build="build"
 audio=0
+virtual_monitor=0
 while [[ $# -gt 0 ]]; do
     case "$1" in
+    --virtual-monitor)
+        virtual_monitor=1
+        shift
+        ;;
     --seconds)
         [[ $# -ge 2 && "$2" =~ ^[0-9]+$ && "$2" -ge 1 && "$2" -le 3600 ]] || {
             echo "demo: --seconds needs a number from 1 to 3600" >&2
@@ -80,6 +95,7 @@ tmp=""
 kyr_pid=""
 client_pid=""
 driver_pid=""
+display_pid=""
 relay_pids=""
 sleep_pid=""
 paplay_pid=""
@@ -110,7 +126,9 @@ cleanup() {
     [[ -n "$paplay_pid" ]] && kill "$paplay_pid" 2>/dev/null
     [[ -n "$parec_pid" ]] && kill "$parec_pid" 2>/dev/null
     [[ -n "$driver_pid" ]] && kill "$driver_pid" 2>/dev/null
-    for pid in $sleep_pid $client_pid $kyr_pid $paplay_pid $parec_pid $driver_pid; do
+    # Asked to end, the display program takes its monitor away first.
+    [[ -n "$display_pid" ]] && kill "$display_pid" 2>/dev/null
+    for pid in $sleep_pid $client_pid $kyr_pid $paplay_pid $parec_pid $driver_pid $display_pid; do
         wait "$pid" 2>/dev/null
     done
     if declare -F velorane_stop_pipewire >/dev/null; then
@@ -145,6 +163,7 @@ cmake --build "$build"
 bin="$build/bin"
 programs=(kyr-sim client-sim driver-sim velorane-relay screen-grab)
 [[ "$audio" -eq 1 ]] && programs+=(VeloraneAudioDriver)
+[[ "$virtual_monitor" -eq 1 ]] && programs+=(VeloraneVirtualDisplay)
 for program in "${programs[@]}"; do
     [[ -x "$bin/$program" ]] || {
         echo "demo: $bin/$program was not built" >&2
@@ -162,8 +181,44 @@ if [[ -z "${XDG_RUNTIME_DIR:-}" ]]; then
     export XDG_RUNTIME_DIR="$tmp/xdg"
 fi
 
+monitor="VELORANE-2399-160-1902"
+window_name="Velorane demo"
+
+# The monitor's rectangle as screen-grab takes it, WxH+X+Y, from
+# xrandr's "1280/338x720/190+1920+0"; empty when it isn't there.
+monitor_area() {
+    xrandr --listmonitors 2>/dev/null | awk -v name="$monitor" '$2 == name { print $3 }' |
+        sed -E 's#^([0-9]+)/[0-9]+x([0-9]+)/[0-9]+\+([0-9]+)\+([0-9]+)$#\1x\2+\3+\4#'
+}
+
 headless=0
-if [[ -z "${DISPLAY:-}" ]]; then
+if [[ "$virtual_monitor" -eq 1 ]]; then
+    headless=1
+    command -v xrandr >/dev/null 2>&1 || {
+        echo "demo: xrandr not found: install the Debian package x11-xserver-utils" >&2
+        exit 1
+    }
+    # The socket of the virtual display program goes to the runtime folder:
+    # a private one, so that no other relay or program on this desktop meets
+    # this run's.
+    [[ -d "$tmp/xdg" ]] || mkdir -m 700 "$tmp/xdg"
+    export XDG_RUNTIME_DIR="$tmp/xdg"
+    # shellcheck source=lib/xvfb.sh
+    source scripts/lib/xvfb.sh
+    # Xvfb can't grow its screen past the size it starts with: it starts at
+    # 3200x1080, then its one output is set to 1920x1080 and the screen to
+    # the output's size, leaving room for the program to grow it.
+    velorane_start_private_xvfb 3200x1080
+    trap cleanup EXIT
+    output="$(xrandr | awk '/ connected/ { print $1; exit }')"
+    if ! xrandr --newmode demo-1920x1080 148.5 1920 2008 2052 2200 1080 1084 1089 1125 ||
+        ! xrandr --addmode "$output" demo-1920x1080 ||
+        ! xrandr --output "$output" --mode demo-1920x1080 --pos 0x0 --fb 1920x1080; then
+        echo "demo: couldn't set the private X server's output to 1920x1080" >&2
+        exit 1
+    fi
+    seconds="${seconds:-6}"
+elif [[ -z "${DISPLAY:-}" ]]; then
     headless=1
     # shellcheck source=lib/xvfb.sh
     source scripts/lib/xvfb.sh
@@ -174,6 +229,18 @@ if [[ -z "${DISPLAY:-}" ]]; then
 else
     seconds="${seconds:-30}"
 fi
+
+# Waits up to TENTHS tenths of a second until FILE holds TEXT, while the
+# process PID lives; fails when it doesn't.
+wait_for_output() {
+    local file="$1" text="$2" pid="$3" tenths="$4"
+    for _ in $(seq "$tenths"); do
+        grep -q "$text" "$file" && return 0
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    grep -q "$text" "$file"
+}
 
 # kyr-sim listens on the base port plus 3; the relay also takes UDP ports
 # base + 7 and + 8. Try random bases until kyr-sim can listen.
@@ -187,12 +254,7 @@ for _ in $(seq 20); do
         --speaker-wav "$build/demo-audio.wav" --mic-unsolicited 500 \
         >"$logs/kyr-sim.out" 2>"$logs/kyr-sim.err" &
     kyr_pid=$!
-    for _ in $(seq 100); do
-        grep -q "listening on" "$logs/kyr-sim.out" && break
-        kill -0 "$kyr_pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if grep -q "listening on" "$logs/kyr-sim.out"; then
+    if wait_for_output "$logs/kyr-sim.out" "listening on" "$kyr_pid" 100; then
         base="$candidate"
         break
     fi
@@ -245,14 +307,29 @@ else
     fi
 fi
 
+# Without -m the relay asks the virtual display program for its monitor;
+# the program runs first, as the client application would start it.
+monitor_arguments=(-m)
+if [[ "$virtual_monitor" -eq 1 ]]; then
+    monitor_arguments=(--width 1280 --height 720)
+    "$bin/VeloraneVirtualDisplay" >"$logs/virtual-display.out" 2>&1 &
+    display_pid=$!
+    wait_for_output "$logs/virtual-display.out" "Serving VIRTUAL_MONITOR_SERVER" \
+        "$display_pid" 100 || {
+        echo "demo: VeloraneVirtualDisplay didn't start (see $logs/virtual-display.out)" >&2
+        exit 1
+    }
+    echo "demo: VeloraneVirtualDisplay serves the virtual monitor on display $DISPLAY"
+fi
+
 # A private TMPDIR holds this run's VELORANE_RELAY socket.
 mkdir -p "$tmp/run"
 echo "demo: the relay runs for $seconds s on display $DISPLAY"
 TMPDIR="$tmp/run" "$bin/client-sim" --record "$logs/client-sim.record" \
     --time-limit $((seconds + 20)) \
     --send start-scrape --send "wait:$((seconds * 1000))" --send kill -- \
-    "$bin/velorane-relay" -t -m --kyrIp 127.0.0.1 --relayPort "$base" \
-    --relayPassword "$password" --name "Velorane demo" \
+    "$bin/velorane-relay" -t "${monitor_arguments[@]}" --kyrIp 127.0.0.1 --relayPort "$base" \
+    --relayPassword "$password" --name "$window_name" \
     >"$logs/client-sim.out" 2>"$logs/client-sim.err" &
 client_pid=$!
 
@@ -271,7 +348,27 @@ if [[ "$audio" -eq 1 ]]; then
     echo "demo: paplay plays a 1 kHz tone into \"Velorane Speaker\" for $tone_seconds s"
 fi
 
-if [[ "$headless" -eq 1 ]]; then
+if [[ "$virtual_monitor" -eq 1 ]]; then
+    # Leave the relay time to connect, follow the monitor and paint, then
+    # grab the monitor's area while it still runs.
+    grab_after=$((seconds > 2 ? seconds - 1 : 1))
+    pause_for "$grab_after"
+    area="$(monitor_area)"
+    if [[ -z "$area" ]]; then
+        echo "demo: the virtual monitor $monitor didn't appear (see $logs/)" >&2
+    elif ! kill -0 "$client_pid" 2>/dev/null; then
+        echo "demo: the relay ended before the screenshot (see $logs/)" >&2
+    else
+        echo "demo: the virtual monitor $monitor is at $area"
+        window="$(xwininfo -name "$window_name" 2>/dev/null |
+            awk '/Absolute upper-left X:/ { x = $4 } /Absolute upper-left Y:/ { y = $4 }
+                 /Width:/ { w = $2 } /Height:/ { h = $2 }
+                 END { if (w) printf "%sx%s+%s+%s", w, h, x, y }')"
+        echo "demo: the relay's window is at ${window:-nowhere to be seen}"
+        "$bin/screen-grab" --area "$area" "$build/demo-virtual-monitor.png" >/dev/null
+        echo "demo: screenshot of the virtual monitor saved to $build/demo-virtual-monitor.png"
+    fi
+elif [[ "$headless" -eq 1 ]]; then
     # Leave the relay time to connect and paint, then grab the screen while
     # it still runs.
     grab_after=$((seconds > 2 ? seconds - 1 : 1))
@@ -289,6 +386,14 @@ wait "$client_pid" || status=$?
 client_pid=""
 relay_pids=""
 echo "demo: relay exited with code $status (output in $logs/)"
+if [[ "$virtual_monitor" -eq 1 ]]; then
+    # The relay's end asked the program to take the monitor down.
+    if [[ -z "$(monitor_area)" ]]; then
+        echo "demo: the virtual monitor is gone again"
+    else
+        echo "demo: the virtual monitor is still there after the relay's end" >&2
+    fi
+fi
 if [[ "$audio" -eq 1 ]]; then
     # parec ends cleanly on SIGTERM (a background job of a script ignores
     # SIGINT), having written what it recorded.

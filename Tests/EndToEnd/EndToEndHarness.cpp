@@ -209,6 +209,17 @@ bool EndToEndScene::StartVirtualDisplay(const std::vector<std::string>& extra)
            m_virtualDisplay.WaitForOutput("vdisplay-sim: listening on", kStartTimeout);
 }
 
+bool EndToEndScene::StartVirtualDisplayProgram(const std::vector<std::string>& extra)
+{
+    ChildProcess::Options options;
+    options.argv = {BinaryPath("VeloraneVirtualDisplay")};
+    options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+    options.environment = Environment();
+    options.outputFile = m_dir.File("program.out");
+    return m_virtualDisplay.Start(options) &&
+           m_virtualDisplay.WaitForOutput("Serving VIRTUAL_MONITOR_SERVER", kStartTimeout);
+}
+
 bool EndToEndScene::StartStandaloneRelay(const std::vector<std::string>& arguments,
                                          const std::string& virtualDisplayOptions)
 {

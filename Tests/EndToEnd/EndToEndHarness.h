@@ -65,6 +65,10 @@ public:
     // Starts vdisplay-sim as the virtual display process, recording to
     // vdisplay.rec, and waits until it listens.
     bool StartVirtualDisplay(const std::vector<std::string>& extra = {});
+    // Starts our real virtual display program, VeloraneVirtualDisplay, in
+    // the same place, with its output in program.out, and waits until it
+    // serves its socket. It needs the scene's X display.
+    bool StartVirtualDisplayProgram(const std::vector<std::string>& extra = {});
     // Copies the relay into a folder of its own with vdisplay-sim beside it
     // under the virtual display program's name, as standalone mode expects,
     // and starts that copy. The copy's options come from the environment,

@@ -68,12 +68,13 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     g_kyr->device->KeepOutTransfers(false);
     g_kyr->device->SetOutHandler([](const std::vector<uint8_t>&) {
         std::lock_guard<std::mutex> hold(g_kyr->lock);
-        std::vector<std::vector<uint8_t>> answer(1);
+        EmulatedUsbDevice::OutReply reply;
+        reply.answers.resize(1);
         if (!g_kyr->answers.empty()) {
-            answer[0] = std::move(g_kyr->answers.front());
+            reply.answers[0] = std::move(g_kyr->answers.front());
             g_kyr->answers.pop_front();
         }
-        return answer;
+        return reply;
     });
     g_kyr->device->Plug(0x7A31, 0x0301);
     g_kyr->transport = std::make_unique<UsbCommunication>();

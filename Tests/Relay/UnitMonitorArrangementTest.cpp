@@ -151,5 +151,36 @@ TEST(MonitorArrangementTest, AnUnMirrorGoesRightOfTheOthersAndANegativePlaceIsRe
     EXPECT_FALSE(plan.whyNot.empty());
 }
 
+TEST(MonitorArrangementTest, AMonitorStagedOntoAnotherOfItsSizeGoesRightOfTheOthers)
+{
+    // The output's monitor, a monitor that came where the virtual monitor
+    // belongs, and the virtual monitor beside it.
+    const MonitorList now{Monitor(3, 0, 0, 1920, 1080, true), Monitor(5, 1920, 0, 1280, 720),
+                          Monitor(7, 3200, 0, 1280, 720)};
+    DisplayConfig config;
+    config.steps = {{DisplayConfig::Step::Origin, 3, 0, 0, 0},
+                    {DisplayConfig::Step::Origin, 7, 1920, 0, 0}};
+    ArrangementPlan plan = PlanArrangement(now, config);
+    // Right of the others is where it stands: nothing moves.
+    EXPECT_TRUE(plan.moved.empty());
+    EXPECT_EQ(plan.sentRight, std::vector<uint32_t>{7});
+    EXPECT_EQ(FindMonitor(plan.after, 7)->x, 3200);
+    EXPECT_EQ(FindMonitor(plan.after, 7)->y, 0);
+
+    // From elsewhere it goes there too.
+    const MonitorList away{now[0], now[1], Monitor(7, 0, 360, 1280, 720)};
+    plan = PlanArrangement(away, config);
+    EXPECT_EQ(plan.moved, std::vector<uint32_t>{7});
+    EXPECT_EQ(FindMonitor(plan.after, 7)->x, 3200);
+    EXPECT_EQ(plan.width, 4480u);
+
+    // Over a monitor of another size it goes as staged.
+    const MonitorList other{now[0], Monitor(5, 1920, 0, 1024, 768), now[2]};
+    plan = PlanArrangement(other, config);
+    EXPECT_EQ(plan.moved, std::vector<uint32_t>{7});
+    EXPECT_TRUE(plan.sentRight.empty());
+    EXPECT_EQ(FindMonitor(plan.after, 7)->x, 1920);
+}
+
 } // namespace
 } // namespace velorane::test

@@ -168,5 +168,34 @@ TEST_F(X11DisplayManagerTest, AVirtualMonitorMadeMainIsArrangedButNotReported)
     EXPECT_TRUE(m_placements.empty());
 }
 
+// Another monitor of the virtual one's size came where the virtual monitor
+// belongs while it stood elsewhere. Put back there, the virtual monitor
+// would mirror it, be un-mirrored away, be put back, for ever.
+TEST_F(X11DisplayManagerTest, AMonitorWhereTheVirtualOneBelongsDoesNotSendItBackAndForth)
+{
+    ASSERT_TRUE(m_tools->SetMonitor("OTHER", 1920, 0, 640, 480));
+    PumpEventsFor(500ms);
+    ASSERT_TRUE(m_tools->SetMonitor(kVirtualMonitor, 0, 600, 640, 480));
+    ASSERT_TRUE(WaitForPlacement({2560, 0, 640, 480})) << m_tools->MonitorsText();
+    EXPECT_TRUE(MonitorAt(2560, 0));
+
+    // It stays there: nothing more moves and nothing more is reported.
+    PumpEventsFor(800ms);
+    const size_t settled = m_placements.size();
+    PumpEventsFor(1200ms);
+    EXPECT_EQ(m_placements.size(), settled);
+    EXPECT_TRUE(MonitorAt(2560, 0)) << m_tools->MonitorsText();
+    ListedMonitor other;
+    ASSERT_TRUE(m_tools->FindMonitor("OTHER", &other));
+    EXPECT_EQ(other.x, 1920);
+    char expected[160];
+    std::snprintf(expected, sizeof(expected),
+                  "Display 0x%x would cover another display of its size: it goes right of the "
+                  "others, to 2560,0",
+                  m_manager->FindVM());
+    EXPECT_TRUE(m_log->Contains(quorvan::EGroupValueWarning, expected))
+        << ::testing::PrintToString(m_log->Messages());
+}
+
 } // namespace
 } // namespace velorane::test

@@ -132,12 +132,14 @@ bool XDisplayTools::FindMonitor(const std::string& name, ListedMonitor* monitor)
     return false;
 }
 
-bool XDisplayTools::SetMonitor(const std::string& name, int x, int y, int width, int height)
+bool XDisplayTools::SetMonitor(const std::string& name, int x, int y, int width, int height,
+                               bool primary)
 {
     const std::string geometry = std::to_string(width) + "/" + Millimetres(width) + "x" +
                                  std::to_string(height) + "/" + Millimetres(height) + "+" +
                                  std::to_string(x) + "+" + std::to_string(y);
-    return Run({"xrandr", "--setmonitor", name, geometry, "none"}) == 0;
+    // xrandr makes a monitor whose name begins with "*" the primary one.
+    return Run({"xrandr", "--setmonitor", (primary ? "*" : "") + name, geometry, "none"}) == 0;
 }
 
 bool XDisplayTools::DeleteMonitor(const std::string& name)
@@ -153,6 +155,18 @@ bool XDisplayTools::MoveMonitor(const std::string& name, int x, int y, int width
 bool XDisplayTools::SetScreenSize(int width, int height)
 {
     return Run({"xrandr", "--fb", std::to_string(width) + "x" + std::to_string(height)}) == 0;
+}
+
+bool XDisplayTools::ScreenSize(int* width, int* height)
+{
+    // "Screen 0: minimum 1 x 1, current 3200 x 1080, maximum 3200 x 1080"
+    std::string text;
+    if (Run({"xrandr", "--current"}, &text) != 0) {
+        return false;
+    }
+    const size_t at = text.find("current ");
+    return at != std::string::npos &&
+           std::sscanf(text.c_str() + at, "current %d x %d", width, height) == 2;
 }
 
 bool XDisplayTools::SetOutputSize(int width, int height, int screenWidth, int screenHeight)

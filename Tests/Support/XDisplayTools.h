@@ -50,12 +50,16 @@ public:
     std::vector<ListedMonitor> ListMonitors();
     bool FindMonitor(const std::string& name, ListedMonitor* monitor);
     // An output-less monitor; its physical size is taken at 96 dots per inch.
-    bool SetMonitor(const std::string& name, int x, int y, int width, int height);
+    // With primary, it becomes the primary monitor.
+    bool SetMonitor(const std::string& name, int x, int y, int width, int height,
+                    bool primary = false);
     bool DeleteMonitor(const std::string& name);
     // The server refuses to set a monitor over one of the same name: this
     // deletes it, then sets it at the new place.
     bool MoveMonitor(const std::string& name, int x, int y, int width, int height);
     bool SetScreenSize(int width, int height);
+    // The screen's size now; false when xrandr couldn't tell.
+    bool ScreenSize(int* width, int* height);
     // Gives the first output a mode of this size and sets it, leaving the
     // screen at screenWidth by screenHeight.
     bool SetOutputSize(int width, int height, int screenWidth, int screenHeight);

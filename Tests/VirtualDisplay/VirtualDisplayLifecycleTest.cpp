@@ -123,7 +123,7 @@ TEST_F(VirtualDisplayLifecycleTest, ClientThatVanishesMidRequestLeavesItServing)
 TEST_F(VirtualDisplayLifecycleTest, XServerThatGoesAwayEndsItWithOneLine)
 {
     StartWithMonitor();
-    const std::string display = m_scene.X().Display();
+    const std::string display = m_scene.X().Name();
     m_scene.X().Stop();
 
     int code = -1;

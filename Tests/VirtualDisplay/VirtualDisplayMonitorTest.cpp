@@ -178,6 +178,46 @@ TEST(VirtualDisplayMonitorTest, DestroyConferenceRemovesTheMonitorAndGivesTheScr
     EXPECT_TRUE(scene.Program().Running());
 }
 
+// A relay that died leaves the monitor (the program keeps it until told);
+// the next relay watches the displays from right after its requests and
+// must see the monitor arrive to place its window.
+TEST(VirtualDisplayMonitorTest, CreateConferenceWithTheMonitorThereUnplugsItAndItArrivesAgain)
+{
+    VirtualDisplayScene scene;
+    StartGrowableDesktop(scene);
+    ASSERT_TRUE(scene.StartProgram({"--arrival-delay", "1000"}));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
+    ASSERT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
+
+    // The next relay's requests.
+    EXPECT_EQ(scene.SetResolution(1280, 720), 0);
+    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
+    EXPECT_FALSE(scene.VirtualMonitor().has_value()) << "still there after the reply";
+    // The screen keeps its size for the monitor's return.
+    EXPECT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
+
+    ASSERT_TRUE(WaitForMonitor(scene)) << scene.LogText();
+    const ListedMonitor monitor = *scene.VirtualMonitor();
+    EXPECT_EQ(monitor.x, 1920);
+    EXPECT_EQ(monitor.y, 0);
+    EXPECT_EQ(monitor.width, 1280);
+    EXPECT_EQ(monitor.height, 720);
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation,
+                                       "CreateConference: unplugged the virtual monitor "
+                                       "VELORANE-2399-160-1902 that was there; it arrives again "
+                                       "in 1000 ms"),
+              1u);
+    const std::string added =
+        "Added the virtual monitor VELORANE-2399-160-1902: x=[1920] y=[0] w=[1280] h=[720]";
+    ASSERT_TRUE(WaitFor([&] { return scene.CountLog(EGroupInformation, added) == 2; }, 10s))
+        << scene.LogText();
+
+    // Taken down, the screen still gets its first size back.
+    EXPECT_EQ(scene.Send(quorvan::velorane::virtualmonitor::DestroyConference), 0);
+    EXPECT_FALSE(scene.VirtualMonitor().has_value());
+    EXPECT_EQ(scene.Screen(), (ScreenSize{1920, 1080}));
+}
+
 TEST(VirtualDisplayMonitorTest, DestroyConferenceBeforeTheArrivalCancelsIt)
 {
     VirtualDisplayScene scene;

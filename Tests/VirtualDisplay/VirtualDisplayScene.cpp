@@ -59,12 +59,16 @@ VirtualDisplayScene::~VirtualDisplayScene()
 
 bool VirtualDisplayScene::StartX(int width, int height)
 {
-    return m_x.Start(width, height, m_dir.File("xvfb.out"));
+    PrivateXServer::Options options;
+    options.width = width;
+    options.height = height;
+    options.folder = m_dir.Path();
+    return m_x.Start(options);
 }
 
 std::string VirtualDisplayScene::Xrandr(const std::string& arguments, int* exitCode) const
 {
-    const std::string command = "DISPLAY=" + m_x.Display() + " xrandr " + arguments + " 2>&1";
+    const std::string command = "DISPLAY=" + m_x.Name() + " xrandr " + arguments + " 2>&1";
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) {
@@ -155,7 +159,7 @@ ScreenSize VirtualDisplayScene::Screen() const
 std::map<std::string, std::string> VirtualDisplayScene::Environment() const
 {
     std::map<std::string, std::string> environment{
-        {"DISPLAY", m_x.Display()},
+        {"DISPLAY", m_x.Name()},
         {"XDG_RUNTIME_DIR", RuntimeFolder()},
         {"XDG_DATA_HOME", m_dir.File("data")},
         {"HOME", m_dir.File("home")},

@@ -10,7 +10,7 @@
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ScopedEnv.h"
 #include "Tests/Support/TempDir.h"
-#include "Tests/VirtualDisplay/PrivateXServer.h"
+#include "Tests/Support/PrivateXServer.h"
 
 #include "Common/VirtualMonitor/Src/Command.h"
 #include "Common/VirtualMonitor/Src/VmRect.h"

@@ -5,6 +5,13 @@ velorane_start_xvfb() {
     if [ -n "${DISPLAY:-}" ]; then
         return 0
     fi
+    velorane_start_private_xvfb 1920x1080
+}
+
+# Starts a private Xvfb whatever DISPLAY says, with a screen of the size
+# given (WIDTHxHEIGHT, 1920x1080 by default), and points DISPLAY at it.
+velorane_start_private_xvfb() {
+    local size="${1:-1920x1080}"
     if ! command -v Xvfb >/dev/null 2>&1; then
         echo "xvfb: Xvfb not found: install the Debian package xvfb (scripts/install-deps.sh)" >&2
         return 1
@@ -12,7 +19,7 @@ velorane_start_xvfb() {
     local fifo
     fifo="$(mktemp -u)"
     mkfifo "$fifo"
-    Xvfb -displayfd 3 -screen 0 1920x1080x24 -nolisten tcp -noreset 3>"$fifo" >/dev/null 2>&1 &
+    Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp -noreset 3>"$fifo" >/dev/null 2>&1 &
     VELORANE_XVFB_PID=$!
     local number=""
     read -r -t 20 number <"$fifo" || true

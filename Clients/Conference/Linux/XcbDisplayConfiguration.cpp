@@ -32,6 +32,18 @@ int64_t RightOfOthers(const MonitorList& monitors, uint32_t id)
     return right;
 }
 
+// Another monitor covers exactly the same rectangle.
+bool CoversAnother(const MonitorList& monitors, const tMonitor& monitor)
+{
+    for (const auto& other : monitors) {
+        if (other.id != monitor.id && other.x == monitor.x && other.y == monitor.y &&
+            other.width == monitor.width && other.height == monitor.height) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // X places monitors and CRTCs with 16-bit signed positions from the
 // screen's origin, which is the top left of the whole arrangement.
 constexpr int64_t kMaxPosition = std::numeric_limits<int16_t>::max();
@@ -55,6 +67,16 @@ ArrangementPlan PlanArrangement(const MonitorList& now, const DisplayConfig& con
             const int64_t right = RightOfOthers(plan.after, step.displayId);
             monitor->x = static_cast<int32_t>(std::min(right, kMaxPosition + 1));
             monitor->y = 0;
+        }
+    }
+    for (auto& monitor : plan.after) {
+        const tMonitor* before = FindMonitor(now, monitor.id);
+        const bool moves = before && (before->x != monitor.x || before->y != monitor.y);
+        if (moves && CoversAnother(plan.after, monitor)) {
+            const int64_t right = RightOfOthers(plan.after, monitor.id);
+            monitor.x = static_cast<int32_t>(std::min(right, kMaxPosition + 1));
+            monitor.y = 0;
+            plan.sentRight.push_back(monitor.id);
         }
     }
     int64_t width = 0;
@@ -85,6 +107,13 @@ int32_t ApplyDisplayConfiguration(XcbRandrConnection& connection, const DisplayC
         return DisplayErrorInvalidConnection;
     }
     const ArrangementPlan plan = PlanArrangement(now, config);
+    for (const uint32_t id : plan.sentRight) {
+        const tMonitor* after = FindMonitor(plan.after, id);
+        VLOG(EGroupValueWarning,
+             "Display 0x%x would cover another display of its size: it goes right of the "
+             "others, to %d,%d",
+             id, after->x, after->y);
+    }
     // A pass that moves nothing changes nothing, and so reports nothing.
     if (plan.moved.empty()) {
         return DisplayErrorSuccess;

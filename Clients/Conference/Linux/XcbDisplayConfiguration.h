@@ -27,6 +27,9 @@ struct ArrangementPlan
     MonitorList after;
     // The monitors whose place changes, in the order of now.
     std::vector<uint32_t> moved;
+    // The monitors whose staged place was taken by another monitor of the
+    // same size, and which go right of all the others instead.
+    std::vector<uint32_t> sentRight;
     // The room the whole arrangement needs from the origin.
     uint32_t width = 0;
     uint32_t height = 0;
@@ -36,7 +39,11 @@ struct ArrangementPlan
 
 // Origins are taken in the order staged, the last one for a monitor
 // winning; an un-mirror puts a mirroring monitor at y = 0 right of all the
-// others; monitors that aren't there any more are passed over.
+// others; monitors that aren't there any more are passed over. A monitor
+// staged exactly onto another one would mirror it (two monitors on one
+// rectangle is all that mirroring is on X), and its un-mirroring would move
+// it away again, and the next arrangement back, for ever: it goes at y = 0
+// right of all the others instead.
 ArrangementPlan PlanArrangement(const MonitorList& now, const DisplayConfig& config);
 
 // One of EDisplayError. Failures are logged.
