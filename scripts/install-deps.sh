@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs every Debian package the relay needs to build, test, fuzz and
 # benchmark (clang-14 and its libFuzzer runtime for the fuzz tree; iproute2
-# brings up loopback in the audio fuzz targets' network namespace).
+# brings up loopback in the audio fuzz targets' network namespace; gnuplot
+# and python3 for scripts/soak.sh, its plot and its virtual monitor requests).
 # Idempotent: asks apt only for what is missing, and refreshes the package
 # lists only when something is.
 set -euo pipefail
@@ -19,6 +20,7 @@ PACKAGES=(
     pipewire-bin wireplumber pipewire-pulse pulseaudio-utils libpipewire-0.3-dev sox
     openssl ca-certificates
     clang-14 libclang-rt-14-dev iproute2
+    gnuplot-nox python3
 )
 
 missing=()

@@ -7,6 +7,9 @@
 #include <sstream>
 #include <thread>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace velorane::test {
 
 namespace fs = std::filesystem;
@@ -375,6 +378,20 @@ long long Field(const std::string& record, const std::string& name)
         return -1;
     }
     return std::strtoll(record.c_str() + at + name.size() + 2, nullptr, 10);
+}
+
+bool WriteOrder(const std::string& pipe, const std::string& order)
+{
+    // Non-blocking: opening a pipe that no process reads fails at once
+    // instead of waiting for a reader.
+    const int fd = ::open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const std::string line = order + "\n";
+    const bool written = ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    ::close(fd);
+    return written;
 }
 
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout)

@@ -134,6 +134,9 @@ std::vector<std::string> WithPrefix(const std::vector<std::string>& records,
                                     const std::string& prefix);
 // The number behind " name=" in a record line, or -1.
 long long Field(const std::string& record, const std::string& name);
+// Writes one order line to an emulator's control pipe (--control), which
+// the emulator holds open; false when nobody reads the pipe.
+bool WriteOrder(const std::string& pipe, const std::string& order);
 // Asks done() every 50 ms until it holds or the time is up.
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 std::string Hex(const std::string& bytes);

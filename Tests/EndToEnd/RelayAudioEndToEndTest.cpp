@@ -40,6 +40,24 @@ protected:
 
     std::vector<std::string> DriverRecords() const { return ReadLines(m_driverRecord); }
 
+    // The Kyr heard AudioStart at the connection and at the driver's first
+    // announce, AudioStop once the driver had been silent for 10 s, and
+    // AudioStart again when it was back; the relay logged the same.
+    void ExpectStoppedOnceAndStartedAgain()
+    {
+        std::vector<std::string> audio;
+        for (const auto& record : m_scene.KyrRecords()) {
+            if (record == "audio-start" || record == "audio-stop") {
+                audio.push_back(record);
+            }
+        }
+        EXPECT_EQ(audio, (std::vector<std::string>{"audio-start", "audio-start", "audio-stop",
+                                                   "audio-start"}));
+        const std::string log = m_scene.LogText();
+        EXPECT_EQ(CountLogLines(log, kInformation, "Stop Audio"), 1u) << log;
+        EXPECT_EQ(CountLogLines(log, kInformation, "Start Audio"), 3u) << log;
+    }
+
     EndToEndScene m_scene;
     int m_base = EndToEndScene::FreeBasePort();
     std::string m_driverRecord = m_scene.Dir().File("driver.rec");
@@ -170,18 +188,46 @@ TEST_F(RelayAudioEndToEndTest, SilentDriverIsStoppedAfterTenSecondsAndStartedWhe
     ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
     EXPECT_EQ(code, 0) << m_scene.Client().Output();
 
-    std::vector<std::string> audio;
-    for (const auto& record : m_scene.KyrRecords()) {
-        if (record == "audio-start" || record == "audio-stop") {
-            audio.push_back(record);
-        }
-    }
     // At the connection, at the first announce, the stop after 10 s of
     // silence, and the start when the driver is back.
-    EXPECT_EQ(audio, (std::vector<std::string>{"audio-start", "audio-start", "audio-stop",
-                                               "audio-start"}));
-    const std::string log = m_scene.LogText();
-    EXPECT_EQ(CountLogLines(log, kInformation, "Stop Audio"), 1u) << log;
-    EXPECT_EQ(CountLogLines(log, kInformation, "Start Audio"), 3u) << log;
+    ExpectStoppedOnceAndStartedAgain();
     ASSERT_TRUE(WaitFor([&] { return !WithPrefix(DriverRecords(), "goodbye").empty(); }, 10s));
+}
+
+// driver-sim told on its control pipe to vanish (no announces, no speaker
+// data, its ports closed) and, 11.5 s later, to return: the relay stops
+// the driver's audio after 10 s and starts it again at the first announce
+// of its return. The 1 s tone loops, so speaker audio keeps coming for as
+// long as the driver is there.
+TEST_F(RelayAudioEndToEndTest, DriverThatVanishesOnItsControlPipeIsStoppedAndStartedWhenItReturns)
+{
+    const std::string control = m_scene.Dir().File("driver.ctl");
+    ASSERT_TRUE(m_scene.StartKyr(m_base, {"--password", "secret"}));
+    ASSERT_TRUE(StartDriver({"--control", control, "--announce-interval", "300", "--tone", "1000",
+                             "--tone-seconds", "1", "--loop"}));
+    ASSERT_TRUE(m_scene.StartClient({"wait:16000", "kill"},
+                                    {"-t", "-m", "--kyrIp", "127.0.0.1", "--relayPort",
+                                     std::to_string(m_base), "--relayPassword", "secret"}));
+    ASSERT_TRUE(
+        WaitFor([this] { return CountRecords(m_scene.KyrRecords(), "audio-start") >= 2; }, 20s));
+    std::this_thread::sleep_for(1500ms);
+    ASSERT_TRUE(WriteOrder(control, "vanish"));
+    std::this_thread::sleep_for(11500ms);
+    ASSERT_TRUE(WriteOrder(control, "return"));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    ExpectStoppedOnceAndStartedAgain();
+    const auto driver = DriverRecords();
+    EXPECT_EQ(CountRecords(driver, "control vanish"), 1u);
+    EXPECT_EQ(CountRecords(driver, "control return"), 1u);
+    // No end of the tone: it loops.
+    EXPECT_EQ(CountRecords(driver, "speaker-end"), 0u);
+    // About 1.5 s before the vanish and 3 s after the return, 100 packets a
+    // second: well past the 100 of one pass through the tone, and none from
+    // the time away (speaker records carry the Kyr's clock of each).
+    const auto speaker = WithPrefix(m_scene.KyrRecords(), "speaker stamp=");
+    EXPECT_GE(speaker.size(), 200u) << speaker.size();
+    EXPECT_LE(speaker.size(), 700u) << speaker.size();
 }

@@ -330,3 +330,113 @@ TEST_F(RelayUsbEndToEndTest, HotPlugIsLoggedAlsoWhenTheLinkIsTls)
     EXPECT_EQ(usb, (std::vector<std::string>{"plugged", "unplugged"}));
     ExpectCleanEnd(log);
 }
+
+// Orders on kyr-sim's control pipe, given while the relay streams: a stall
+// of about a second, which the relay's exchange in flight outlasts (its IN
+// transfer times out after 5 s and the next attempt is answered, so the
+// frames go on), then a burst of four garbage answers, which are logged and
+// passed over, the first too short for a response header.
+TEST_F(RelayUsbEndToEndTest, StallAndGarbageOrderedOnTheControlPipeArePassedOverAndFramesGoOn)
+{
+    const std::string control = m_scene.Dir().File("kyr.ctl");
+    ASSERT_TRUE(m_scene.StartUsbKyr({"--control", control}));
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:10000", "kill"}, UsbRelay()));
+    ASSERT_TRUE(
+        WaitFor([this] { return CountRecords(m_scene.KyrRecords(), kRequestFrame) >= 5; }, 20s));
+    ASSERT_TRUE(WriteOrder(control, "stall"));
+    std::this_thread::sleep_for(1s);
+    ASSERT_TRUE(WriteOrder(control, "resume"));
+    ASSERT_TRUE(WaitFor(
+        [this] {
+            return CountRecords(After(m_scene.KyrRecords(), "control resume"), kRequestFrame) >= 5;
+        },
+        15s))
+        << m_scene.LogText();
+    ASSERT_TRUE(WriteOrder(control, "garbage 4"));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    const auto kyr = m_scene.KyrRecords();
+    EXPECT_EQ(CountRecords(kyr, "control stall"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "control resume"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "control garbage 4"), 1u);
+    const auto garbage = WithPrefix(kyr, "garbage ");
+    ASSERT_EQ(garbage.size(), 4u);
+    // Short, long, short, long.
+    for (size_t i = 0; i < garbage.size(); ++i) {
+        const long long bytes = std::stoll(garbage[i].substr(8));
+        EXPECT_EQ(bytes < 12, i % 2 == 0) << garbage[i];
+        EXPECT_GE(bytes, 1);
+        EXPECT_LE(bytes, 65536);
+    }
+    // The frames went on after the burst.
+    EXPECT_GE(CountRecords(After(kyr, "control garbage 4"), kRequestFrame), 10u);
+    const std::string log = m_scene.LogText();
+    EXPECT_GE(
+        CountLogLines(log, kSevere, "FAILED: libusb_bulk_transfer: [-7] (LIBUSB_ERROR_TIMEOUT)"),
+        1u)
+        << log;
+    const auto lines = ParseLogFile(log);
+    EXPECT_GE(std::count_if(lines.begin(), lines.end(),
+                            [](const LogFileLine& line) {
+                                return line.message.rfind("Response received was too small!", 0) ==
+                                       0;
+                            }),
+              2);
+    // A stall shorter than six attempts fails no command.
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const LogFileLine& line) {
+                                return line.message.rfind("Send failed.", 0) == 0;
+                            }),
+              0);
+    ExpectCleanEnd(log);
+}
+
+// The Kyr pulled and plugged in again by orders on the control pipe: as
+// with the times given on the command line, the link stays on the device
+// that went.
+TEST_F(RelayUsbEndToEndTest, UnplugAndPlugOrderedOnTheControlPipeLeaveTheLinkDead)
+{
+    const std::string control = m_scene.Dir().File("kyr.ctl");
+    ASSERT_TRUE(m_scene.StartUsbKyr({"--control", control}));
+    ASSERT_TRUE(m_scene.StartClient({"start-scrape", "wait:5000", "kill"}, UsbRelay()));
+    ASSERT_TRUE(
+        WaitFor([this] { return CountRecords(m_scene.KyrRecords(), kRequestFrame) >= 5; }, 20s));
+    ASSERT_TRUE(WriteOrder(control, "unplug"));
+    std::this_thread::sleep_for(1s);
+    ASSERT_TRUE(WriteOrder(control, "plug"));
+    int code = -1;
+    ASSERT_TRUE(m_scene.Client().WaitForExit(60s, &code));
+    EXPECT_EQ(code, 0) << m_scene.Client().Output();
+
+    const auto kyr = m_scene.KyrRecords();
+    EXPECT_EQ(CountRecords(kyr, "control unplug"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "unplugged"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "control plug"), 1u);
+    EXPECT_EQ(CountRecords(kyr, "plugged"), 2u);
+    EXPECT_EQ(CountRecords(After(kyr, "control plug"), "request "), 0u);
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, kInformation, kUnplugged), 1u) << log;
+    EXPECT_EQ(CountLogLines(log, kInformation, kPlugged), 1u) << log;
+    EXPECT_GE(CountLogLines(log, kSevere, kNoDevice), 6u) << log;
+    ExpectCleanEnd(log);
+}
+
+// Over USB the Kyr speaks only when asked: with --mic-unsolicited its first
+// microphone answer takes the place of the next answer the relay can spare,
+// and that starts the relay's microphone polling.
+TEST_F(RelayUsbEndToEndTest, UnsolicitedMicrophoneAnswerOverUsbStartsThePolling)
+{
+    ASSERT_TRUE(m_scene.StartUsbKyr({"--mic-unsolicited", "500"}));
+    ASSERT_TRUE(RunClient({"start-scrape", "wait:2500", "kill"})) << m_scene.Client().Output();
+    const auto kyr = m_scene.KyrRecords();
+    ASSERT_EQ(CountRecords(kyr, "mic-unsolicited "), 1u);
+    // RequestAudio, service audio, command 0x62EB, no payload.
+    EXPECT_GE(CountRecords(After(kyr, WithPrefix(kyr, "mic-unsolicited ")[0]),
+                           "request 1403baeaeb62000000000000"),
+              20u);
+    const std::string log = m_scene.LogText();
+    EXPECT_EQ(CountLogLines(log, kInformation, "Start m_usb_timer"), 1u) << log;
+    ExpectCleanEnd(log);
+}

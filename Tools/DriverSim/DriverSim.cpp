@@ -2,6 +2,7 @@
 
 #include "WavReader.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QSocketNotifier>
 #include <QTextStream>
@@ -95,6 +96,28 @@ bool DriverSim::Start(QString* error)
         return false;
     }
     m_sendSocket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (!Bind(error)) {
+        return false;
+    }
+    if (!m_options.controlFile.isEmpty()) {
+        m_control.SetHandler([this](const QString& order) { OnOrder(order); });
+        if (!m_control.Open(m_options.controlFile, error)) {
+            return false;
+        }
+    }
+    connect(&m_announceTimer, &QTimer::timeout, this, &DriverSim::OnAnnounceTimer);
+    m_speakerTimer.setTimerType(Qt::PreciseTimer);
+    connect(&m_speakerTimer, &QTimer::timeout, this, &DriverSim::OnSpeakerTimer);
+    m_clock.start();
+    if (!m_speaker.empty()) {
+        m_recorder.Line(QStringLiteral("speaker-start"));
+    }
+    StartSending();
+    return true;
+}
+
+bool DriverSim::Bind(QString* error)
+{
     m_micSocket = BoundSocket(m_options.kyrPort + 7, error);
     if (m_micSocket < 0) {
         return false;
@@ -107,21 +130,72 @@ bool DriverSim::Start(QString* error)
     connect(m_micNotifier, &QSocketNotifier::activated, this, &DriverSim::OnMicrophoneReadable);
     m_controlNotifier = new QSocketNotifier(m_controlSocket, QSocketNotifier::Read, this);
     connect(m_controlNotifier, &QSocketNotifier::activated, this, &DriverSim::OnControlReadable);
+    return true;
+}
 
-    m_clock.start();
+void DriverSim::StartSending()
+{
     if (m_options.announceIntervalMs > 0) {
-        connect(&m_announceTimer, &QTimer::timeout, this, &DriverSim::OnAnnounceTimer);
         m_announceTimer.start(m_options.announceIntervalMs);
         OnAnnounceTimer();
     }
-    if (!m_speaker.empty()) {
-        m_speakerStartMs = m_clock.elapsed();
-        m_recorder.Line(QStringLiteral("speaker-start"));
-        m_speakerTimer.setTimerType(Qt::PreciseTimer);
-        connect(&m_speakerTimer, &QTimer::timeout, this, &DriverSim::OnSpeakerTimer);
+    const size_t totalFrames = m_speaker.size() / 2;
+    if (totalFrames > 0 && !m_speakerEnded) {
+        // Pace from now on, as if the frames sent so far had ended just now:
+        // the frames of a vanished spell are not caught up.
+        m_speakerStartMs =
+            m_clock.elapsed() - static_cast<qint64>(m_speakerFrame * 1000 / kSampleRate);
         m_speakerTimer.start(5);
     }
-    return true;
+}
+
+void DriverSim::OnOrder(const QString& order)
+{
+    if (order == QLatin1String("vanish")) {
+        m_recorder.Line(QStringLiteral("control vanish"));
+        Vanish();
+    } else if (order == QLatin1String("return")) {
+        m_recorder.Line(QStringLiteral("control return"));
+        Return();
+    } else {
+        QTextStream(stderr) << "driver-sim: unknown order on the control pipe: " << order << "\n";
+        m_recorder.Line(QStringLiteral("control unknown %1").arg(order));
+    }
+}
+
+void DriverSim::Vanish()
+{
+    if (m_vanished) {
+        return;
+    }
+    m_vanished = true;
+    m_announceTimer.stop();
+    m_speakerTimer.stop();
+    delete m_micNotifier;
+    delete m_controlNotifier;
+    m_micNotifier = nullptr;
+    m_controlNotifier = nullptr;
+    ::close(m_micSocket);
+    ::close(m_controlSocket);
+    m_micSocket = -1;
+    m_controlSocket = -1;
+}
+
+void DriverSim::Return()
+{
+    if (!m_vanished) {
+        return;
+    }
+    m_vanished = false;
+    QString error;
+    if (!Bind(&error)) {
+        // Someone took a port meanwhile: a driver that can't come back.
+        QTextStream(stderr) << "driver-sim: " << error << "\n";
+        m_recorder.Line(QStringLiteral("control return failed"));
+        QCoreApplication::exit(1);
+        return;
+    }
+    StartSending();
 }
 
 void DriverSim::Finish()
@@ -153,23 +227,29 @@ void DriverSim::OnAnnounceTimer()
 void DriverSim::OnSpeakerTimer()
 {
     // Real-time pace: as many packets as the time since the start asks for.
+    // m_speakerFrame counts every frame sent; with --loop the audio starts
+    // over at its end.
     const size_t totalFrames = m_speaker.size() / 2;
     const auto due =
         static_cast<size_t>((m_clock.elapsed() - m_speakerStartMs) * kSampleRate / 1000);
     const size_t packetFrames =
         static_cast<size_t>(std::min(std::max(m_options.packetFrames, 1), kMaxSpeakerFrames));
-    while (m_speakerFrame + packetFrames <= std::min(due, totalFrames)) {
+    const size_t limit = m_options.loop ? due : std::min(due, totalFrames);
+    while (m_speakerFrame + packetFrames <= limit) {
         QByteArray datagram(1, '\x02');
         AppendBigEndian(datagram, static_cast<uint64_t>(QDateTime::currentMSecsSinceEpoch()), 8);
-        for (size_t i = 0; i < packetFrames * 2; ++i) {
-            AppendBigEndian(datagram, static_cast<uint16_t>(m_speaker[2 * m_speakerFrame + i]), 2);
+        for (size_t frame = 0; frame < packetFrames; ++frame) {
+            const size_t at = (m_speakerFrame + frame) % totalFrames;
+            AppendBigEndian(datagram, static_cast<uint16_t>(m_speaker[2 * at]), 2);
+            AppendBigEndian(datagram, static_cast<uint16_t>(m_speaker[2 * at + 1]), 2);
         }
         SendTo(m_options.kyrPort + 8, datagram);
         m_speakerFrame += packetFrames;
         ++m_speakerPackets;
     }
-    if (m_speakerFrame + packetFrames > totalFrames) {
+    if (!m_options.loop && m_speakerFrame + packetFrames > totalFrames) {
         m_speakerTimer.stop();
+        m_speakerEnded = true;
         m_recorder.Line(QStringLiteral("speaker-end packets=%1").arg(m_speakerPackets));
     }
 }

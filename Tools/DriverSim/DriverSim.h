@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Tools/Common/ControlFifo.h"
 #include "Tools/Common/Recorder.h"
 #include "Tools/Common/WavWriter.h"
 
@@ -28,8 +29,10 @@ struct DriverOptions
     double toneSeconds = 0;
     QString speakerWav;
     int packetFrames = 480;
+    bool loop = false;      // the speaker audio starts over at its end
     bool malformed = false; // once the relay's first address message came
     QString micWav;
+    QString controlFile; // orders while running (vanish, return); empty: none
 };
 
 // The local audio driver as the relay sees it, on 127.0.0.1, big-endian:
@@ -47,12 +50,23 @@ public:
     explicit DriverSim(const DriverOptions& options, QObject* parent = nullptr);
     ~DriverSim() override;
 
-    // Binds both ports and opens the record; false with a reason.
+    // Binds both ports, opens the record and the control pipe; false with a
+    // reason.
     bool Start(QString* error);
     // Writes the microphone WAV out.
     void Finish();
 
 private:
+    // Binds the microphone and control ports and watches them.
+    bool Bind(QString* error);
+    // Starts announcing and sending speaker audio, which goes on from the
+    // time it is now.
+    void StartSending();
+    void OnOrder(const QString& order);
+    // The driver goes away as a process that ended would: no announces, no
+    // speaker data, its two ports closed. "return" undoes it.
+    void Vanish();
+    void Return();
     void SendTo(int port, const QByteArray& datagram);
     void OnAnnounceTimer();
     void OnSpeakerTimer();
@@ -76,6 +90,9 @@ private:
     qint64 m_speakerStartMs = 0;
     int m_speakerPackets = 0;
     bool m_malformedSent = false;
+    bool m_speakerEnded = false;
+    bool m_vanished = false;
+    simcommon::ControlFifo m_control;
 };
 
 } // namespace driversim

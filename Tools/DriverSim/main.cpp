@@ -64,6 +64,11 @@ int main(int argc, char** argv)
         {"tone-seconds", "Length of the tone (default 5).", "SEC"},
         {"speaker-wav", "Send FILE (16-bit, 48 kHz, stereo) as speaker audio.", "FILE"},
         {"packet-frames", "Frames per speaker datagram, 1 to 882 (default 480).", "N"},
+        {"loop", "Start the speaker tone or WAV over at its end, for as long as it runs."},
+        {"control",
+         "Take orders from the named pipe FILE (made when missing) while running, one "
+         "a line: vanish (stop announcing and sending, close both ports), return.",
+         "FILE"},
         {"malformed", "Once the relay's first address message came, send speaker data of every "
                       "length and every unknown command."},
         {"mic-wav", "Write the microphone audio received to FILE.", "FILE"},
@@ -101,6 +106,8 @@ int main(int argc, char** argv)
     options.recordFile = parser.value("record");
     options.speakerWav = parser.value("speaker-wav");
     options.malformed = parser.isSet("malformed");
+    options.loop = parser.isSet("loop");
+    options.controlFile = parser.value("control");
     options.micWav = parser.value("mic-wav");
 
     DriverSim driver(options);

@@ -34,6 +34,7 @@ Examples:
           --key /tmp/kyr/kyr-sim.key --password secret --record /tmp/kyr.log
   kyr-sim --port 0 --cert c.crt --key c.key --stall-after 3 --time-limit 20
   kyr-sim --port 0 --cert c.crt --key c.key --resize-at 40:640x360 --jump-at 50
+  kyr-sim --usb --control /tmp/kyr.ctl &  echo stall >/tmp/kyr.ctl
 )";
 
 // Reads an integer option in [low, high]; an unset option leaves *value.
@@ -148,7 +149,14 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
         {"usb-empty-count", "How many requests --usb-empty-at answers empty (default 1).", "K"},
         {"usb-short-out-at", "With --usb: request N's OUT transfer takes only a few bytes.", "N"},
         {"usb-short-out-bytes", "How many bytes that OUT transfer takes (default 5).", "B"},
-        {"mic-unsolicited", "Send one microphone response unasked MS after the password.", "MS"},
+        {"mic-unsolicited",
+         "Send one microphone response unasked MS after the password (over USB: in place of "
+         "the next answer the relay can spare).",
+         "MS"},
+        {"control",
+         "Take orders from the named pipe FILE (made when missing) while running, one a line: "
+         "stall, resume, garbage N, unplug, plug.",
+         "FILE"},
         {"stall-after", "Answer N requests, then stay silent with the socket open.", "N"},
         {"close-after", "Answer N requests, then close the connection.", "N"},
         {"garbage-after", "After N answers, send garbage once instead of the next answer.", "N"},
@@ -218,6 +226,7 @@ KyrCommandLine::Outcome KyrCommandLine::Parse(const QStringList& arguments, KyrO
     options->certFile = parser.value("cert");
     options->keyFile = parser.value("key");
     options->recordFile = parser.value("record");
+    options->controlFile = parser.value("control");
     options->password = parser.value("password").toUtf8();
 
     const bool hasBase = parser.isSet("base-port");

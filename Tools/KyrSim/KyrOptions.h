@@ -75,6 +75,10 @@ struct KyrOptions
     bool noTlsReply = false;
     bool refuse = false;
 
+    // Orders taken while running (stall, resume, garbage N, unplug, plug)
+    // from this named pipe; empty: none.
+    QString controlFile;
+
     int timeLimitSec = 60;
 };
 

@@ -3,6 +3,7 @@
 #include <QTimer>
 
 #include "Console.h"
+#include "LiveFaults.h"
 #include "ResponseWriter.h"
 #include "Tools/Common/Recorder.h"
 
@@ -30,8 +31,8 @@ quint32 LittleEndianWord(const QByteArray& bytes, int offset)
 } // namespace
 
 KyrSession::KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder,
-                       simcommon::WavWriter* speakerWav, QObject* parent)
-    : QObject(parent), m_socket(socket), m_options(options), m_recorder(recorder),
+                       simcommon::WavWriter* speakerWav, LiveFaults* live, QObject* parent)
+    : QObject(parent), m_socket(socket), m_options(options), m_recorder(recorder), m_live(live),
       m_audio(options, recorder, speakerWav), m_responder(options, &m_audio),
       m_writer(new ResponseWriter(socket, options.split, options.merge, this))
 {
@@ -143,6 +144,9 @@ void KyrSession::Answer(const QByteArray& request)
     // The responder sees every request, so that the frame numbers and the
     // picture size stay those of a Kyr that merely lost some answers.
     const QByteArray normal = m_responder.Respond(service, command, request.mid(kHeaderBytes));
+    if (m_live->Stalled()) {
+        return;
+    }
     if (m_options.stallAfter >= 0 && m_answered >= m_options.stallAfter) {
         return;
     }
@@ -155,6 +159,11 @@ void KyrSession::Answer(const QByteArray& request)
 
 QByteArray KyrSession::FaultyAnswer(quint32 service, quint32 command, const QByteArray& normal)
 {
+    const QByteArray garbage = m_live->TakeGarbage();
+    if (!garbage.isNull()) {
+        m_recorder->Line(QStringLiteral("garbage %1").arg(garbage.size()));
+        return garbage;
+    }
     if (m_options.garbageAfter >= 0 && !m_garbageSent && m_answered == m_options.garbageAfter) {
         return KyrResponder::SharedFault(m_options, service, command, m_answered, &m_garbageSent,
                                          &m_hugeSent);

@@ -17,6 +17,7 @@ class WavWriter;
 namespace kyrsim {
 
 using simcommon::Recorder;
+class LiveFaults;
 class ResponseWriter;
 
 // One relay connection: checks the password frame, records and answers
@@ -27,9 +28,10 @@ class KyrSession : public QObject
     Q_OBJECT
 
 public:
-    // speakerWav takes the decoded speaker audio, or is null.
+    // speakerWav takes the decoded speaker audio, or is null; live holds
+    // the faults the control pipe switches, and outlives the session.
     KyrSession(QSslSocket* socket, const KyrOptions& options, Recorder* recorder,
-               simcommon::WavWriter* speakerWav, QObject* parent);
+               simcommon::WavWriter* speakerWav, LiveFaults* live, QObject* parent);
 
 private:
     void OnReadyRead();
@@ -47,6 +49,7 @@ private:
     QSslSocket* m_socket;
     KyrOptions m_options;
     Recorder* m_recorder;
+    LiveFaults* m_live;
     KyrAudio m_audio;
     KyrResponder m_responder;
     ResponseWriter* m_writer;

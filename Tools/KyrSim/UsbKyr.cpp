@@ -1,6 +1,7 @@
 #include "UsbKyr.h"
 
 #include "Console.h"
+#include "LiveFaults.h"
 #include "Tools/Common/Recorder.h"
 
 #include <QTimer>
@@ -29,8 +30,8 @@ bool Within(int index, int first, int count)
 } // namespace
 
 UsbKyr::UsbKyr(const KyrOptions& options, simcommon::Recorder* recorder,
-               simcommon::WavWriter* speakerWav, QObject* parent)
-    : QObject(parent), m_options(options), m_recorder(recorder),
+               simcommon::WavWriter* speakerWav, LiveFaults* live, QObject* parent)
+    : QObject(parent), m_options(options), m_recorder(recorder), m_live(live),
       m_audio(options, recorder, speakerWav), m_responder(options, &m_audio),
       m_device(std::make_unique<simcommon::EmulatedUsbDevice>())
 {
@@ -49,6 +50,7 @@ QString UsbKyr::TestbedDirectory() const
 
 void UsbKyr::Start()
 {
+    m_clock.start();
     if (m_options.usbPlugAfterMs > 0) {
         QTimer::singleShot(m_options.usbPlugAfterMs, this, &UsbKyr::Plug);
     } else {
@@ -94,6 +96,27 @@ void UsbKyr::OnInWaiting()
     }
 }
 
+QByteArray UsbKyr::UnsolicitedMicrophone(quint32 service, quint32 command)
+{
+    // Over USB the Kyr speaks only when asked: its first microphone answer,
+    // which starts the relay's polling, takes the place of the answer to a
+    // request whose answer the relay can spare (not one of the audio
+    // commands whose answers it reads).
+    if (m_options.micUnsolicitedMs < 0 || m_micUnsolicitedSent ||
+        m_clock.elapsed() < m_options.micUnsolicitedMs ||
+        (service == KyrResponder::kServiceAudio &&
+         (command == KyrAudio::kAudioStart || command == KyrAudio::kTimeOffsetPing ||
+          command == KyrAudio::kRequestAudio))) {
+        return QByteArray();
+    }
+    m_micUnsolicitedSent = true;
+    const QByteArray body = m_audio.MicrophoneBody();
+    m_recorder->Line(QStringLiteral("mic-unsolicited %1").arg(body.size()));
+    return KyrResponder::Header(KyrResponder::kServiceAudio, KyrResponder::kRequestAudio,
+                                static_cast<quint32>(12 + body.size())) +
+           body;
+}
+
 simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>& request)
 {
     std::lock_guard<std::mutex> hold(m_lock);
@@ -137,7 +160,7 @@ simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>
         m_pullWhenInWaits = true;
         return reply;
     }
-    if (m_options.stallAfter >= 0 && m_answered >= m_options.stallAfter) {
+    if (m_live->Stalled() || (m_options.stallAfter >= 0 && m_answered >= m_options.stallAfter)) {
         return reply;
     }
     if (Within(index, m_options.usbTimeoutAt, m_options.usbTimeoutCount)) {
@@ -149,9 +172,18 @@ simcommon::EmulatedUsbDevice::OutReply UsbKyr::Answer(const std::vector<uint8_t>
         reply.answers.emplace_back();
         return reply;
     }
-    const QByteArray fault = KyrResponder::SharedFault(m_options, service, command, m_answered,
-                                                       &m_garbageSent, &m_hugeSent);
-    const QByteArray answer = fault.isNull() ? normal : fault;
+    QByteArray answer = UnsolicitedMicrophone(service, command);
+    if (answer.isNull()) {
+        answer = m_live->TakeGarbage();
+        if (!answer.isNull()) {
+            m_recorder->Line(QStringLiteral("garbage %1").arg(answer.size()));
+        }
+    }
+    if (answer.isNull()) {
+        const QByteArray fault = KyrResponder::SharedFault(m_options, service, command, m_answered,
+                                                           &m_garbageSent, &m_hugeSent);
+        answer = fault.isNull() ? normal : fault;
+    }
     ++m_answered;
     std::vector<uint8_t> answerBytes(answer.begin(), answer.end());
     if (frameRequest && index == m_options.usbLateAt) {

@@ -7,6 +7,7 @@
 #include "Tools/Common/EmulatedUsbDevice.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 
@@ -20,6 +21,8 @@ class WavWriter;
 } // namespace simcommon
 
 namespace kyrsim {
+
+class LiveFaults;
 
 // The Kyr plugged in over USB: an umockdev testbed holding a device with
 // the Kyr's ids (vendor 0x7A31, product 0x0301), whose bulk OUT transfers
@@ -38,8 +41,9 @@ class UsbKyr : public QObject
     Q_OBJECT
 
 public:
+    // live holds the faults the control pipe switches, and outlives this.
     UsbKyr(const KyrOptions& options, simcommon::Recorder* recorder,
-           simcommon::WavWriter* speakerWav, QObject* parent = nullptr);
+           simcommon::WavWriter* speakerWav, LiveFaults* live, QObject* parent = nullptr);
     ~UsbKyr() override;
 
     // Must run before anything else of libusb's in this process would.
@@ -47,16 +51,25 @@ public:
     // Plugs the device now or after --usb-plug-after, and schedules the
     // unplug and replug the options ask for.
     void Start();
+    // On the main thread: plug the device in (a new device each time) or
+    // pull it, recording "plugged" or "unplugged".
+    void Plug();
+    void Unplug();
+    // Records one line, in order with the worker thread's.
+    void Record(const QString& line);
 
 private:
     simcommon::EmulatedUsbDevice::OutReply Answer(const std::vector<uint8_t>& request);
+    // The microphone answer that takes the place of the answer to request,
+    // once, when --mic-unsolicited asks for it; else a null array.
+    QByteArray UnsolicitedMicrophone(quint32 service, quint32 command);
     void OnInWaiting();
-    void Plug();
-    void Unplug();
-    void Record(const QString& line);
 
     KyrOptions m_options;
     simcommon::Recorder* m_recorder;
+    LiveFaults* m_live;
+    QElapsedTimer m_clock; // from Start
+    bool m_micUnsolicitedSent = false;
     std::mutex m_lock;
     KyrAudio m_audio;
     KyrResponder m_responder;

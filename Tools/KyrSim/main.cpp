@@ -4,7 +4,9 @@
 #include "Console.h"
 #include "KyrCommandLine.h"
 #include "KyrSession.h"
+#include "LiveFaults.h"
 #include "TlsServer.h"
+#include "Tools/Common/ControlFifo.h"
 #include "Tools/Common/H264Encoder.h"
 #include "Tools/Common/Recorder.h"
 #include "Tools/Common/WavWriter.h"
@@ -14,6 +16,7 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QTimer>
+#include <functional>
 #include <memory>
 
 #include <cstdio>
@@ -82,6 +85,32 @@ bool RunAgainUnderPreloadIfUsb(char* argv[])
     return true;
 }
 
+// Opens the control pipe, when one was asked for, and hands its orders to
+// the live faults or the USB device; record writes the record line of each.
+bool OpenControl(const KyrOptions& options, simcommon::ControlFifo* control, LiveFaults* live,
+                 UsbKyr* usbKyr, std::function<void(const QString&)> record, QString* error)
+{
+    if (options.controlFile.isEmpty()) {
+        return true;
+    }
+    control->SetHandler([live, usbKyr, record](const QString& order) {
+        const QString applied = live->Apply(order);
+        if (!applied.isNull()) {
+            record(applied);
+        } else if (usbKyr && order == QLatin1String("unplug")) {
+            record(QStringLiteral("control unplug"));
+            usbKyr->Unplug();
+        } else if (usbKyr && order == QLatin1String("plug")) {
+            record(QStringLiteral("control plug"));
+            usbKyr->Plug();
+        } else {
+            PrintErr(QStringLiteral("unknown order on the control pipe: %1").arg(order));
+            record(QStringLiteral("control unknown %1").arg(order));
+        }
+    });
+    return control->Open(options.controlFile, error);
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -111,6 +140,8 @@ int main(int argc, char* argv[])
     }
     // The testbed comes first: it sets this process's UMOCKDEV_DIR.
     std::unique_ptr<UsbKyr> usbKyr;
+    LiveFaults live;
+    simcommon::ControlFifo control;
     Recorder usbRecorder;
     simcommon::WavWriter usbWav;
     if (options.usb) {
@@ -121,7 +152,14 @@ int main(int argc, char* argv[])
             return 2;
         }
         usbKyr = std::make_unique<UsbKyr>(options, &usbRecorder,
-                                          options.speakerWav.isEmpty() ? nullptr : &usbWav);
+                                          options.speakerWav.isEmpty() ? nullptr : &usbWav, &live);
+        UsbKyr* device = usbKyr.get();
+        if (!OpenControl(
+                options, &control, &live, device,
+                [device](const QString& line) { device->Record(line); }, &message)) {
+            PrintErr(message);
+            return 2;
+        }
     }
 
     if (!options.filler && !simcommon::H264Encoder::IsAvailable(&message)) {
@@ -163,10 +201,16 @@ int main(int argc, char* argv[])
         return 2;
     }
 
+    if (!OpenControl(
+            options, &control, &live, nullptr,
+            [&recorder](const QString& line) { recorder.Line(line); }, &message)) {
+        PrintErr(message);
+        return 2;
+    }
     TlsServer server(certificate, key, options.noTlsReply);
     QObject::connect(&server, &TlsServer::SignalConnection, &server, [&](QSslSocket* socket) {
         new KyrSession(socket, options, &recorder,
-                       options.speakerWav.isEmpty() ? nullptr : &speakerWav, &server);
+                       options.speakerWav.isEmpty() ? nullptr : &speakerWav, &live, &server);
     });
     if (!server.listen(QHostAddress::LocalHost, options.port)) {
         PrintErr(QStringLiteral("can't listen on 127.0.0.1:%1: %2")
