@@ -176,6 +176,12 @@ RESULT VirtualMonitorManager::DestroyConference()
     mArrivalTimer.stop();
     if (!mMonitorAdded) {
         VLOG(EGroupValueInformation, "DestroyConference: there was no virtual monitor to remove");
+        // A CreateConference again unplugs the monitor until it arrives
+        // again; a DestroyConference in between still owes the screen the
+        // size it had before the monitor grew it.
+        if (mDesktop) {
+            RestoreScreen();
+        }
         return Success;
     }
     if (!mDesktop) {

@@ -218,6 +218,34 @@ TEST(VirtualDisplayMonitorTest, CreateConferenceWithTheMonitorThereUnplugsItAndI
     EXPECT_EQ(scene.Screen(), (ScreenSize{1920, 1080}));
 }
 
+// The same, but taken down while the monitor is unplugged for its return:
+// the screen it grew still goes back to its first size.
+TEST(VirtualDisplayMonitorTest, DestroyConferenceWhileTheMonitorIsAwayGivesTheScreenBack)
+{
+    VirtualDisplayScene scene;
+    StartGrowableDesktop(scene);
+    ASSERT_TRUE(scene.StartProgram({"--arrival-delay", "3000"}));
+    ASSERT_TRUE(scene.CreateMonitor(1280, 720));
+    ASSERT_EQ(scene.Screen(), (ScreenSize{3200, 1080}));
+
+    EXPECT_EQ(scene.CreateConference(1280, 720), 0);
+    EXPECT_FALSE(scene.VirtualMonitor().has_value());
+    EXPECT_EQ(scene.Send(quorvan::velorane::virtualmonitor::DestroyConference), 0);
+
+    EXPECT_EQ(scene.Screen(), (ScreenSize{1920, 1080}));
+    EXPECT_EQ(scene.Monitors().size(), 1u);
+    EXPECT_EQ(scene.CountLogEventually(EGroupInformation,
+                                       "DestroyConference: there was no virtual monitor to remove"),
+              1u);
+    EXPECT_EQ(
+        scene.CountLogEventually(EGroupInformation, "Gave the screen back its size of 1920x1080"),
+        1u);
+    // Nor does the cancelled arrival come later.
+    std::this_thread::sleep_for(3500ms);
+    EXPECT_FALSE(scene.VirtualMonitor().has_value());
+    EXPECT_EQ(scene.Screen(), (ScreenSize{1920, 1080}));
+}
+
 TEST(VirtualDisplayMonitorTest, DestroyConferenceBeforeTheArrivalCancelsIt)
 {
     VirtualDisplayScene scene;
