@@ -199,6 +199,10 @@ TEST_F(VirtualDisplayLifecycleTest, WithoutRandrItEndsAtOnceAndSaysSo)
     options.argv = {BinaryPath("VeloraneVirtualDisplay")};
     options.environment = m_scene.Environment();
     options.environment["DISPLAY"] = x.Name();
+    // libXrandr leaks its per-display record when the server has no RandR
+    // (libXext frees it at XCloseDisplay only when the extension exists):
+    // this one run of the program doesn't look for leaks.
+    options.environment["ASAN_OPTIONS"] = "detect_leaks=0:abort_on_error=1";
     options.outputFile = m_scene.Dir().File("norandr.out");
     ASSERT_TRUE(program.Start(options));
     int code = -1;
