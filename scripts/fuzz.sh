@@ -4,7 +4,8 @@
 # link) and runs every target for N seconds (or until it has run R inputs,
 # whichever comes first) on a scratch copy of its corpus
 # (Tests/Fuzz/corpus/<target>), with its dictionary
-# (Tests/Fuzz/dict/<target>.dict) when there is one; J targets at a time.
+# (Tests/Fuzz/dict/<target>.dict) and its own libFuzzer flags
+# (Tests/Fuzz/options/<target>.options) when there are; J targets at a time.
 # The committed corpus only grows by hand: copy from the scratch folder
 # what is worth keeping.
 #
@@ -48,7 +49,7 @@ while [ $# -gt 0 ]; do
             KEEP="${2:?--keep needs a folder}"
             shift 2 ;;
         -h|--help)
-            sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'
+            sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'
             exit 0 ;;
         *)
             echo "fuzz.sh: unknown argument $1 (see --help)" >&2
@@ -140,6 +141,15 @@ run_target() {
     fi
     if [ -f "$ROOT/Tests/Fuzz/dict/$target.dict" ]; then
         options+=(-dict="$ROOT/Tests/Fuzz/dict/$target.dict")
+    fi
+    # A target's own flags (Tests/Fuzz/options/<target>.options, one per
+    # line, # for comments) come last and so win over the ones above.
+    if [ -f "$ROOT/Tests/Fuzz/options/$target.options" ]; then
+        local flag
+        while read -r flag; do
+            case "$flag" in ''|'#'*) continue ;; esac
+            options+=("$flag")
+        done <"$ROOT/Tests/Fuzz/options/$target.options"
     fi
     local status=0
     local started ended

@@ -265,6 +265,29 @@ TEST(VideoDecoderStepTest, SoftwareDecodeErrorLosesThePacketAndGoesOn)
     }
 }
 
+TEST(VideoDecoderStepTest, EveryPassHandsTheParserTheStartOfTheFrame)
+{
+    // A slice with no parameter set before it, six bytes, then an access
+    // unit delimiter: the parser ends its first packet at the delimiter.
+    // Every pass starts again at the frame's first byte and takes the same
+    // six bytes, and only the count of what is left goes down, so a frame
+    // of 24 bytes is four passes of the same refused slice. (A parser that
+    // moved on would refuse the slice once and then find no further unit.)
+    std::vector<uint8_t> bytes = {0x00, 0x00, 0x01, 0x65, 0x88, 0x80, 0x00, 0x00, 0x01, 0x09, 0xF0};
+    bytes.resize(24, 0x00);
+    ScopedLogCapture capture;
+    PictureRecorder recorder;
+    CRefCountPtr<VideoDecoder> decoder(new VideoDecoder());
+    ASSERT_TRUE(decoder->Initialize(recorder.Callback(), IVideoDecoder::CodecH264,
+                                    IVideoDecoder::DecoderSoftware));
+    ASSERT_TRUE(decoder->DeliverFrame(MakeFrame(bytes, 0)));
+    // A refused packet is still a packet handed over: the pass says so.
+    EXPECT_TRUE(Access::ParseDecodePackets(*decoder));
+    EXPECT_EQ(CountPrefix(capture->Messages(), "Decode error: "), 4u);
+    EXPECT_FALSE(Access::ReceiveDeliverFrames(*decoder));
+    EXPECT_EQ(recorder.Count(), 0u);
+}
+
 TEST(VideoDecoderStepTest, ReceiveErrorGivesNoPictureThatPassAndDecodingGoesOn)
 {
     const H264Stream stream = EncodeTestPattern(320, 240, 4);
