@@ -26,11 +26,24 @@ RelayLink::RelayLink(MainLoop& loop, int controlPort, int basePort, MicrophoneHa
       m_onRelayChanged(std::move(onRelayChanged)), m_datagram(kLargestDatagram),
       m_samples(kLargestDatagram / 2)
 {
-    if (basePort > 0) {
+    if (basePort > 0 && MeetsControlPort(basePort)) {
+        VLOG(EGroupValueWarning, "Ignored base port %d: its audio ports would take port %d",
+             basePort, m_controlPort);
+    } else if (basePort > 0) {
         UseBasePort(basePort);
         m_relayPresent = true;
     }
     BindMissing();
+}
+
+bool RelayLink::MeetsControlPort(int basePort) const
+{
+    // Two sockets on one port with SO_REUSEADDR both bind, and the later
+    // one takes every datagram: the relay's address messages would be
+    // read as microphone audio, or the driver's speaker audio and
+    // announces would come back to its own control socket.
+    return basePort + kMicrophonePortOffset == m_controlPort ||
+           basePort + kSpeakerPortOffset == m_controlPort;
 }
 
 RelayLink::~RelayLink() = default;
@@ -127,6 +140,11 @@ void RelayLink::TakeAddress(const uint8_t* data, size_t size)
         VLOG(EGroupValueInformation, "The relay is going away");
         m_relayPresent = false;
         m_onRelayChanged();
+        return;
+    }
+    if (MeetsControlPort(address.basePort)) {
+        VLOG(EGroupValueWarning, "Ignored base port %d: its audio ports would take port %d",
+             address.basePort, m_controlPort);
         return;
     }
     const bool moved = address.basePort != m_basePort;

@@ -52,6 +52,9 @@ public:
 
 private:
     void UseBasePort(int basePort);
+    // Whether the microphone or the speaker port of basePort is the
+    // control port: such a base port is refused.
+    bool MeetsControlPort(int basePort) const;
     void OnControlReadable();
     void OnMicrophoneReadable();
     void TakeAddress(const uint8_t* data, size_t size);

@@ -101,6 +101,47 @@ TEST_F(AudioDriverLinkTest, AddressMessagesNameTheRelayMoveItAndSayGoodbye)
     EXPECT_EQ(log.find("secret"), std::string::npos);
 }
 
+TEST_F(AudioDriverLinkTest, BasePortWhoseAudioPortsAreTheControlPortIsRefused)
+{
+    // Speaker port (base + 8) on the control port, from the command line.
+    const int speakerMeets = m_controlPort - 8;
+    ASSERT_TRUE(m_scene.StartDriver({"--base-port", std::to_string(speakerMeets), "--control-port",
+                                     std::to_string(m_controlPort)}))
+        << m_scene.Driver().Output();
+    // Microphone port (base + 7) on the control port, from the relay.
+    const int microphoneMeets = m_controlPort - 7;
+    ASSERT_TRUE(
+        SendControl(AddressMessage(0x7F000001, static_cast<uint16_t>(microphoneMeets), "secret")));
+    // Nothing was bound on the control port: the next address is taken.
+    const int base = AudioUdpPeer::FreeBasePort();
+    AudioUdpPeer relay(base + 8);
+    ASSERT_TRUE(relay.Bound());
+    ASSERT_TRUE(SendControl(AddressMessage(0x7F000001, static_cast<uint16_t>(base), "secret")));
+    const auto received = Collect(relay, 300ms);
+    ASSERT_FALSE(received.empty());
+    EXPECT_EQ(received[0], std::vector<uint8_t>{3});
+
+    const std::string log = m_scene.DriverLog();
+    for (const int refused : {speakerMeets, microphoneMeets}) {
+        EXPECT_EQ(CountLogLines(log, kWarning,
+                                "Ignored base port " + std::to_string(refused) +
+                                    ": its audio ports would take port " +
+                                    std::to_string(m_controlPort)),
+                  1u)
+            << log;
+        EXPECT_EQ(CountLogLines(log, kInformation,
+                                "Microphone audio on 127.0.0.1:" + std::to_string(refused + 7)),
+                  0u);
+    }
+    EXPECT_EQ(
+        CountLogLines(log, kInformation,
+                      "Relay at base port " + std::to_string(microphoneMeets) + ", Kyr 127.0.0.1"),
+        0u);
+    EXPECT_EQ(CountLogLines(log, kInformation,
+                            "Relay at base port " + std::to_string(base) + ", Kyr 127.0.0.1"),
+              1u);
+}
+
 TEST_F(AudioDriverLinkTest, GarbageOfEveryLengthOnItsPortsLeavesItWorking)
 {
     const int base = AudioUdpPeer::FreeBasePort();

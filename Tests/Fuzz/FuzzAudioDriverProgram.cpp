@@ -119,6 +119,14 @@ void DrainRelaySocket()
     }
 }
 
+// A base port whose microphone or speaker port is the control port: the
+// driver refuses it.
+bool MeetsControlPort(int basePort)
+{
+    return basePort + kMicrophonePortOffset == g_process->controlPort ||
+           basePort + kSpeakerPortOffset == g_process->controlPort;
+}
+
 uint64_t BigEndian(const uint8_t* at, int bytes)
 {
     uint64_t value = 0;
@@ -189,9 +197,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             driver.jitter.Push(stamp, samples, frames, driver.nowMs);
         },
         [&driver] { driver.jitter.Reset(); });
-    // Where the target sends microphone audio: the base port it last named.
-    int basePort = startPort;
-    bool relayThere = startPort > 0;
+    // Where the target sends microphone audio: the base port it last named
+    // and the driver took.
+    const bool startTaken = startPort > 0 && !MeetsControlPort(startPort);
+    int basePort = startTaken ? startPort : 0;
+    bool relayThere = startTaken;
     VELORANE_FUZZ_CHECK(link.WantsSpeaker() == relayThere);
 
     for (int step = 0; step < kMaxSteps && input.remaining_bytes() > 0; ++step) {
@@ -216,7 +226,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 VELORANE_FUZZ_CHECK(driver.handed.size() == handedBefore);
                 RelayAddress parsed;
                 if (ParseRelayAddress(datagram.data(), datagram.size(), &parsed) ==
-                    AddressParse::Ok) {
+                        AddressParse::Ok &&
+                    (parsed.goodbye || !MeetsControlPort(parsed.basePort))) {
                     relayThere = !parsed.goodbye;
                     if (!parsed.goodbye) {
                         basePort = parsed.basePort;
