@@ -38,10 +38,10 @@ RelayLink::RelayLink(MainLoop& loop, int controlPort, int basePort, MicrophoneHa
 
 bool RelayLink::MeetsControlPort(int basePort) const
 {
-    // Two sockets on one port with SO_REUSEADDR both bind, and the later
-    // one takes every datagram: the relay's address messages would be
-    // read as microphone audio, or the driver's speaker audio and
-    // announces would come back to its own control socket.
+    // Two sockets on one port with SO_REUSEADDR both bind, and which of
+    // them gets a datagram is the kernel's choice: the relay's address
+    // messages could be read as microphone audio, or the driver's speaker
+    // audio and announces would come back to its own control socket.
     return basePort + kMicrophonePortOffset == m_controlPort ||
            basePort + kSpeakerPortOffset == m_controlPort;
 }
